@@ -1,0 +1,219 @@
+// The printf-style formatter with %@, shared by every text the library builds.
+#include "nk/foundation/format.hpp"
+
+#include <cstdio>
+#include <cstring>
+
+namespace nk {
+namespace {
+
+struct Spec {
+  std::string flags;
+  int width = -1;
+  int precision = -1;
+  int lengthBits = 32;  // 8 (hh), 16 (h), 32 (none), 64 (l, ll, q, z, j, t)
+  char conversion = 0;
+};
+
+// Appends `text` padded to the width the directive asks for.
+void appendPadded(std::string& out, std::string_view text, const Spec& spec) {
+  size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+  bool left = spec.flags.find('-') != std::string::npos;
+  if (!left && text.size() < width) out.append(width - text.size(), ' ');
+  out.append(text);
+  if (left && text.size() < width) out.append(width - text.size(), ' ');
+}
+
+int64_t asSigned(const FormatArg& a) {
+  switch (a.kind) {
+    case FormatArg::Kind::kSigned: return a.i;
+    case FormatArg::Kind::kUnsigned: return static_cast<int64_t>(a.u);
+    case FormatArg::Kind::kDouble: return static_cast<int64_t>(a.d);
+    case FormatArg::Kind::kPointer: return static_cast<int64_t>(reinterpret_cast<intptr_t>(a.p));
+    default: return 0;
+  }
+}
+
+uint64_t asUnsigned(const FormatArg& a) {
+  if (a.kind == FormatArg::Kind::kUnsigned) return a.u;
+  return static_cast<uint64_t>(asSigned(a));
+}
+
+double asDouble(const FormatArg& a) {
+  switch (a.kind) {
+    case FormatArg::Kind::kDouble: return a.d;
+    case FormatArg::Kind::kSigned: return static_cast<double>(a.i);
+    case FormatArg::Kind::kUnsigned: return static_cast<double>(a.u);
+    default: return 0;
+  }
+}
+
+std::string cFormat(const Spec& spec, const char* lengthMod, char conversion) {
+  std::string f = "%" + spec.flags;
+  if (spec.width >= 0) f += std::to_string(spec.width);
+  if (spec.precision >= 0) f += "." + std::to_string(spec.precision);
+  f += lengthMod;
+  f += conversion;
+  return f;
+}
+
+template <class T>
+void appendPrintf(std::string& out, const std::string& fmt, T value) {
+  char buf[128];
+  int n = std::snprintf(buf, sizeof buf, fmt.c_str(), value);
+  if (n < 0) return;
+  if (static_cast<size_t>(n) < sizeof buf) {
+    out.append(buf, static_cast<size_t>(n));
+    return;
+  }
+  std::string big(static_cast<size_t>(n) + 1, '\0');
+  std::snprintf(big.data(), big.size(), fmt.c_str(), value);
+  out.append(big.data(), static_cast<size_t>(n));
+}
+
+void appendObject(std::string& out, const FormatArg& a, const Spec& spec) {
+  switch (a.kind) {
+    case FormatArg::Kind::kObject:
+      appendPadded(out, a.object ? a.object->description()->utf8() : std::string("(null)"),
+                   spec);
+      return;
+    case FormatArg::Kind::kText:
+      appendPadded(out, a.text, spec);
+      return;
+    default:
+      appendPadded(out, "(null)", spec);
+  }
+}
+
+void appendText(std::string& out, const FormatArg& a, const Spec& spec) {
+  std::string text;
+  if (a.kind == FormatArg::Kind::kText) {
+    text.assign(a.text);
+  } else if (a.kind == FormatArg::Kind::kObject) {
+    text = a.object ? a.object->description()->utf8() : "(null)";
+  } else {
+    text = "(null)";
+  }
+  if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision)) {
+    text.resize(static_cast<size_t>(spec.precision));
+  }
+  appendPadded(out, text, spec);
+}
+
+void appendInteger(std::string& out, const FormatArg& a, const Spec& spec) {
+  bool isSigned = spec.conversion == 'd' || spec.conversion == 'i';
+  if (isSigned) {
+    int64_t v = asSigned(a);
+    if (spec.lengthBits == 8) v = static_cast<int8_t>(v);
+    if (spec.lengthBits == 16) v = static_cast<int16_t>(v);
+    if (spec.lengthBits == 32) v = static_cast<int32_t>(v);
+    appendPrintf(out, cFormat(spec, "ll", spec.conversion), static_cast<long long>(v));
+  } else {
+    uint64_t v = asUnsigned(a);
+    if (spec.lengthBits == 8) v = static_cast<uint8_t>(v);
+    if (spec.lengthBits == 16) v = static_cast<uint16_t>(v);
+    if (spec.lengthBits == 32) v = static_cast<uint32_t>(v);
+    appendPrintf(out, cFormat(spec, "ll", spec.conversion), static_cast<unsigned long long>(v));
+  }
+}
+
+void appendCharacter(std::string& out, const FormatArg& a, const Spec& spec) {
+  uint64_t c = asUnsigned(a);
+  std::string text;
+  if (spec.conversion == 'c') c &= 0xFF;
+  if (c < 0x80) {
+    text.push_back(static_cast<char>(c));
+  } else {
+    // %c of a byte above 0x7F and %C of a UTF-16 unit print the character.
+    Ref<String> s = String::withCharacters(std::u16string(1, static_cast<char16_t>(c)));
+    text = s->utf8();
+  }
+  appendPadded(out, text, spec);
+}
+
+}  // namespace
+
+std::string vformatUTF8(std::string_view fmt, std::span<const FormatArg> args) {
+  std::string out;
+  out.reserve(fmt.size() + 16 * args.size());
+  size_t next = 0;
+  auto take = [&]() -> const FormatArg* { return next < args.size() ? &args[next++] : nullptr; };
+
+  for (size_t i = 0; i < fmt.size(); ++i) {
+    char c = fmt[i];
+    if (c != '%') {
+      out.push_back(c);
+      continue;
+    }
+    size_t start = i++;
+    Spec spec;
+    while (i < fmt.size() && std::strchr("-+ #0'", fmt[i])) spec.flags.push_back(fmt[i++]);
+    if (i < fmt.size() && fmt[i] == '*') {
+      const FormatArg* w = take();
+      spec.width = w ? static_cast<int>(asSigned(*w)) : -1;
+      if (spec.width < 0 && w) {
+        spec.flags.push_back('-');
+        spec.width = -spec.width;
+      }
+      ++i;
+    } else {
+      while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
+        spec.width = std::max(spec.width, 0) * 10 + (fmt[i++] - '0');
+        if (spec.width > 4096) spec.width = 4096;  // keeps a hostile width bounded
+      }
+    }
+    if (i < fmt.size() && fmt[i] == '.') {
+      ++i;
+      spec.precision = 0;
+      if (i < fmt.size() && fmt[i] == '*') {
+        const FormatArg* p = take();
+        spec.precision = p ? static_cast<int>(asSigned(*p)) : -1;
+        ++i;
+      } else {
+        while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
+          spec.precision = spec.precision * 10 + (fmt[i++] - '0');
+          if (spec.precision > 4096) spec.precision = 4096;
+        }
+      }
+    }
+    while (i < fmt.size() && std::strchr("hlqLzjt", fmt[i])) {
+      char m = fmt[i++];
+      if (m == 'h') spec.lengthBits = spec.lengthBits == 16 ? 8 : 16;
+      else if (m != 'L') spec.lengthBits = 64;
+    }
+    if (i >= fmt.size()) {
+      out.append(fmt.substr(start));
+      break;
+    }
+    spec.conversion = fmt[i];
+    if (spec.conversion == '%') {
+      out.push_back('%');
+      continue;
+    }
+    if (!std::strchr("@sdiuxXocCfFeEgGaAp", spec.conversion)) {
+      // Not a directive: keep the text as written.
+      out.append(fmt.substr(start, i - start + 1));
+      continue;
+    }
+    const FormatArg* arg = take();
+    if (!arg) continue;
+    switch (spec.conversion) {
+      case '@': appendObject(out, *arg, spec); break;
+      case 's': appendText(out, *arg, spec); break;
+      case 'd': case 'i': case 'u': case 'x': case 'X': case 'o':
+        appendInteger(out, *arg, spec);
+        break;
+      case 'c': case 'C': appendCharacter(out, *arg, spec); break;
+      case 'p':
+        appendPrintf(out, cFormat(spec, "", 'p'),
+                     arg->kind == FormatArg::Kind::kObject ? static_cast<const void*>(arg->object)
+                                                           : arg->p);
+        break;
+      default:
+        appendPrintf(out, cFormat(spec, "", spec.conversion), asDouble(*arg));
+    }
+  }
+  return out;
+}
+
+}  // namespace nk
