@@ -86,7 +86,10 @@ class String : public Object {
     }
   }
 
-  // Immutable strings keep their units in the same allocation.
+  // Immutable strings keep their units in the same allocation, so deletion must
+  // not pass the size of the object alone.
+  static void* operator new(size_t size) { return ::operator new(size); }
+  static void* operator new(size_t, void* place) noexcept { return place; }
   static void operator delete(void* p) { ::operator delete(p); }
 
  protected:
@@ -127,7 +130,6 @@ class MutableString final : public String {
   void setString(const String* other);
 
   Id copy() const override;
-  static void operator delete(void* p) { ::operator delete(p); }
 
  private:
   void sync() noexcept { setStorage(buffer_.data(), buffer_.size(), false); }
