@@ -7,7 +7,7 @@
 namespace nk {
 namespace {
 
-struct Spec {
+struct Directive {
   std::string flags;
   int width = -1;
   int precision = -1;
@@ -16,9 +16,9 @@ struct Spec {
 };
 
 // Appends `text` padded to the width the directive asks for.
-void appendPadded(std::string& out, std::string_view text, const Spec& spec) {
-  size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
-  bool left = spec.flags.find('-') != std::string::npos;
+void appendPadded(std::string& out, std::string_view text, const Directive& directive) {
+  size_t width = directive.width > 0 ? static_cast<size_t>(directive.width) : 0;
+  bool left = directive.flags.find('-') != std::string::npos;
   if (!left && text.size() < width) out.append(width - text.size(), ' ');
   out.append(text);
   if (left && text.size() < width) out.append(width - text.size(), ' ');
@@ -26,11 +26,16 @@ void appendPadded(std::string& out, std::string_view text, const Spec& spec) {
 
 int64_t asSigned(const FormatArg& a) {
   switch (a.kind) {
-    case FormatArg::Kind::kSigned: return a.i;
-    case FormatArg::Kind::kUnsigned: return static_cast<int64_t>(a.u);
-    case FormatArg::Kind::kDouble: return static_cast<int64_t>(a.d);
-    case FormatArg::Kind::kPointer: return static_cast<int64_t>(reinterpret_cast<intptr_t>(a.p));
-    default: return 0;
+    case FormatArg::Kind::kSigned:
+      return a.i;
+    case FormatArg::Kind::kUnsigned:
+      return static_cast<int64_t>(a.u);
+    case FormatArg::Kind::kDouble:
+      return static_cast<int64_t>(a.d);
+    case FormatArg::Kind::kPointer:
+      return static_cast<int64_t>(reinterpret_cast<intptr_t>(a.p));
+    default:
+      return 0;
   }
 }
 
@@ -41,17 +46,21 @@ uint64_t asUnsigned(const FormatArg& a) {
 
 double asDouble(const FormatArg& a) {
   switch (a.kind) {
-    case FormatArg::Kind::kDouble: return a.d;
-    case FormatArg::Kind::kSigned: return static_cast<double>(a.i);
-    case FormatArg::Kind::kUnsigned: return static_cast<double>(a.u);
-    default: return 0;
+    case FormatArg::Kind::kDouble:
+      return a.d;
+    case FormatArg::Kind::kSigned:
+      return static_cast<double>(a.i);
+    case FormatArg::Kind::kUnsigned:
+      return static_cast<double>(a.u);
+    default:
+      return 0;
   }
 }
 
-std::string cFormat(const Spec& spec, const char* lengthMod, char conversion) {
-  std::string f = "%" + spec.flags;
-  if (spec.width >= 0) f += std::to_string(spec.width);
-  if (spec.precision >= 0) f += "." + std::to_string(spec.precision);
+std::string cFormat(const Directive& directive, const char* lengthMod, char conversion) {
+  std::string f = "%" + directive.flags;
+  if (directive.width >= 0) f += std::to_string(directive.width);
+  if (directive.precision >= 0) f += "." + std::to_string(directive.precision);
   f += lengthMod;
   f += conversion;
   return f;
@@ -71,21 +80,21 @@ void appendPrintf(std::string& out, const std::string& fmt, T value) {
   out.append(big.data(), static_cast<size_t>(n));
 }
 
-void appendObject(std::string& out, const FormatArg& a, const Spec& spec) {
+void appendObject(std::string& out, const FormatArg& a, const Directive& directive) {
   switch (a.kind) {
     case FormatArg::Kind::kObject:
       appendPadded(out, a.object ? a.object->description()->utf8() : std::string("(null)"),
-                   spec);
+                   directive);
       return;
     case FormatArg::Kind::kText:
-      appendPadded(out, a.text, spec);
+      appendPadded(out, a.text, directive);
       return;
     default:
-      appendPadded(out, "(null)", spec);
+      appendPadded(out, "(null)", directive);
   }
 }
 
-void appendText(std::string& out, const FormatArg& a, const Spec& spec) {
+void appendText(std::string& out, const FormatArg& a, const Directive& directive) {
   std::string text;
   if (a.kind == FormatArg::Kind::kText) {
     text.assign(a.text);
@@ -94,33 +103,34 @@ void appendText(std::string& out, const FormatArg& a, const Spec& spec) {
   } else {
     text = "(null)";
   }
-  if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision)) {
-    text.resize(static_cast<size_t>(spec.precision));
+  if (directive.precision >= 0 && text.size() > static_cast<size_t>(directive.precision)) {
+    text.resize(static_cast<size_t>(directive.precision));
   }
-  appendPadded(out, text, spec);
+  appendPadded(out, text, directive);
 }
 
-void appendInteger(std::string& out, const FormatArg& a, const Spec& spec) {
-  bool isSigned = spec.conversion == 'd' || spec.conversion == 'i';
+void appendInteger(std::string& out, const FormatArg& a, const Directive& directive) {
+  bool isSigned = directive.conversion == 'd' || directive.conversion == 'i';
   if (isSigned) {
     int64_t v = asSigned(a);
-    if (spec.lengthBits == 8) v = static_cast<int8_t>(v);
-    if (spec.lengthBits == 16) v = static_cast<int16_t>(v);
-    if (spec.lengthBits == 32) v = static_cast<int32_t>(v);
-    appendPrintf(out, cFormat(spec, "ll", spec.conversion), static_cast<long long>(v));
+    if (directive.lengthBits == 8) v = static_cast<int8_t>(v);
+    if (directive.lengthBits == 16) v = static_cast<int16_t>(v);
+    if (directive.lengthBits == 32) v = static_cast<int32_t>(v);
+    appendPrintf(out, cFormat(directive, "ll", directive.conversion), static_cast<long long>(v));
   } else {
     uint64_t v = asUnsigned(a);
-    if (spec.lengthBits == 8) v = static_cast<uint8_t>(v);
-    if (spec.lengthBits == 16) v = static_cast<uint16_t>(v);
-    if (spec.lengthBits == 32) v = static_cast<uint32_t>(v);
-    appendPrintf(out, cFormat(spec, "ll", spec.conversion), static_cast<unsigned long long>(v));
+    if (directive.lengthBits == 8) v = static_cast<uint8_t>(v);
+    if (directive.lengthBits == 16) v = static_cast<uint16_t>(v);
+    if (directive.lengthBits == 32) v = static_cast<uint32_t>(v);
+    appendPrintf(out, cFormat(directive, "ll", directive.conversion),
+                 static_cast<unsigned long long>(v));
   }
 }
 
-void appendCharacter(std::string& out, const FormatArg& a, const Spec& spec) {
+void appendCharacter(std::string& out, const FormatArg& a, const Directive& directive) {
   uint64_t c = asUnsigned(a);
   std::string text;
-  if (spec.conversion == 'c') c &= 0xFF;
+  if (directive.conversion == 'c') c &= 0xFF;
   if (c < 0x80) {
     text.push_back(static_cast<char>(c));
   } else {
@@ -128,7 +138,7 @@ void appendCharacter(std::string& out, const FormatArg& a, const Spec& spec) {
     Ref<String> s = String::withCharacters(std::u16string(1, static_cast<char16_t>(c)));
     text = s->utf8();
   }
-  appendPadded(out, text, spec);
+  appendPadded(out, text, directive);
 }
 
 }  // namespace
@@ -146,71 +156,85 @@ std::string vformatUTF8(std::string_view fmt, std::span<const FormatArg> args) {
       continue;
     }
     size_t start = i++;
-    Spec spec;
-    while (i < fmt.size() && std::strchr("-+ #0'", fmt[i])) spec.flags.push_back(fmt[i++]);
+    Directive directive;
+    while (i < fmt.size() && std::strchr("-+ #0'", fmt[i])) directive.flags.push_back(fmt[i++]);
     if (i < fmt.size() && fmt[i] == '*') {
       const FormatArg* w = take();
-      spec.width = w ? static_cast<int>(asSigned(*w)) : -1;
-      if (spec.width < 0 && w) {
-        spec.flags.push_back('-');
-        spec.width = -spec.width;
+      directive.width = w ? static_cast<int>(asSigned(*w)) : -1;
+      if (directive.width < 0 && w) {
+        directive.flags.push_back('-');
+        directive.width = -directive.width;
       }
       ++i;
     } else {
       while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
-        spec.width = std::max(spec.width, 0) * 10 + (fmt[i++] - '0');
-        if (spec.width > 4096) spec.width = 4096;  // keeps a hostile width bounded
+        directive.width = std::max(directive.width, 0) * 10 + (fmt[i++] - '0');
+        if (directive.width > 4096) directive.width = 4096;  // keeps a hostile width bounded
       }
     }
     if (i < fmt.size() && fmt[i] == '.') {
       ++i;
-      spec.precision = 0;
+      directive.precision = 0;
       if (i < fmt.size() && fmt[i] == '*') {
         const FormatArg* p = take();
-        spec.precision = p ? static_cast<int>(asSigned(*p)) : -1;
+        directive.precision = p ? static_cast<int>(asSigned(*p)) : -1;
         ++i;
       } else {
         while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
-          spec.precision = spec.precision * 10 + (fmt[i++] - '0');
-          if (spec.precision > 4096) spec.precision = 4096;
+          directive.precision = directive.precision * 10 + (fmt[i++] - '0');
+          if (directive.precision > 4096) directive.precision = 4096;
         }
       }
     }
     while (i < fmt.size() && std::strchr("hlqLzjt", fmt[i])) {
       char m = fmt[i++];
-      if (m == 'h') spec.lengthBits = spec.lengthBits == 16 ? 8 : 16;
-      else if (m != 'L') spec.lengthBits = 64;
+      if (m == 'h')
+        directive.lengthBits = directive.lengthBits == 16 ? 8 : 16;
+      else if (m != 'L')
+        directive.lengthBits = 64;
     }
     if (i >= fmt.size()) {
       out.append(fmt.substr(start));
       break;
     }
-    spec.conversion = fmt[i];
-    if (spec.conversion == '%') {
+    directive.conversion = fmt[i];
+    if (directive.conversion == '%') {
       out.push_back('%');
       continue;
     }
-    if (!std::strchr("@sdiuxXocCfFeEgGaAp", spec.conversion)) {
+    if (!std::strchr("@sdiuxXocCfFeEgGaAp", directive.conversion)) {
       // Not a directive: keep the text as written.
       out.append(fmt.substr(start, i - start + 1));
       continue;
     }
     const FormatArg* arg = take();
     if (!arg) continue;
-    switch (spec.conversion) {
-      case '@': appendObject(out, *arg, spec); break;
-      case 's': appendText(out, *arg, spec); break;
-      case 'd': case 'i': case 'u': case 'x': case 'X': case 'o':
-        appendInteger(out, *arg, spec);
+    switch (directive.conversion) {
+      case '@':
+        appendObject(out, *arg, directive);
         break;
-      case 'c': case 'C': appendCharacter(out, *arg, spec); break;
+      case 's':
+        appendText(out, *arg, directive);
+        break;
+      case 'd':
+      case 'i':
+      case 'u':
+      case 'x':
+      case 'X':
+      case 'o':
+        appendInteger(out, *arg, directive);
+        break;
+      case 'c':
+      case 'C':
+        appendCharacter(out, *arg, directive);
+        break;
       case 'p':
-        appendPrintf(out, cFormat(spec, "", 'p'),
-                     arg->kind == FormatArg::Kind::kObject ? static_cast<const void*>(arg->object)
-                                                           : arg->p);
+        appendPrintf(
+            out, cFormat(directive, "", 'p'),
+            arg->kind == FormatArg::Kind::kObject ? static_cast<const void*>(arg->object) : arg->p);
         break;
       default:
-        appendPrintf(out, cFormat(spec, "", spec.conversion), asDouble(*arg));
+        appendPrintf(out, cFormat(directive, "", directive.conversion), asDouble(*arg));
     }
   }
   return out;
