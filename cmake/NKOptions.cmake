@@ -17,3 +17,9 @@ if(NK_SANITIZE)
   add_compile_options(${_nk_san_flags})
   add_link_options(${_nk_san_flags})
 endif()
+
+# Fuzzing: the library is instrumented for coverage too, so that libFuzzer is
+# guided by what happens inside it, not only in the target's own code.
+if(NK_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
