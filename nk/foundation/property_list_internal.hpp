@@ -1,0 +1,73 @@
+// Pieces shared by the property-list front end and its binary and XML codecs:
+// the readers, the flattened object graph both writers work from, and limits.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "nk/foundation/object.hpp"
+#include "nk/foundation/property_list.hpp"
+
+namespace nk::plist_internal {
+
+// Elements counted once per path from the root (so shared objects count each
+// time they are reached). Readers refuse more, writers too, so that recursive
+// walks of anything read here stay bounded.
+inline constexpr uint64_t kMaxExpandedCount = uint64_t{1} << 24;
+
+// Each reader returns nil and sets `reason` (one sentence) on failure.
+Id readBinary(std::span<const uint8_t> bytes, std::string& reason);
+// `text` is UTF-8.
+Id readXML(std::span<const uint8_t> text, std::string& reason);
+Id readOpenStep(std::span<const uint8_t> text, std::string& reason);
+
+enum class Kind : uint8_t {
+  kString,
+  kInteger,
+  kReal,
+  kBoolean,
+  kDate,
+  kData,
+  kUID,
+  kArray,
+  kDictionary,
+  kSet,
+};
+
+inline bool isContainer(Kind kind) {
+  return kind == Kind::kArray || kind == Kind::kDictionary || kind == Kind::kSet;
+}
+
+// One object of the graph. Children are node indices: the elements of an array
+// or set, the keys then the values of a dictionary.
+struct Node {
+  Kind kind;
+  const Object* object;
+  std::vector<uint32_t> children;
+  std::string encoded;  // the binary form of a scalar (binary graphs only)
+};
+
+// The graph reachable from a root, nodes[0] being the root. Containers appear
+// once per object; in binary graphs equal scalars appear once.
+struct Graph {
+  std::vector<Node> nodes;
+  uint64_t expandedCount = 0;
+};
+
+// Checks that `root` is writable in `format` (for XML, that its strings are
+// valid Unicode) and builds its graph; false with `reason` set when it is not.
+bool flatten(const Object* root, PropertyListFormat format, Graph& graph, std::string& reason);
+
+// The binary encoding of a scalar node's object (marker and payload).
+std::string encodeBinaryScalar(Kind kind, const Object* object);
+
+std::vector<uint8_t> writeBinary(const Graph& graph);
+std::vector<uint8_t> writeXML(const Graph& graph);
+
+// Text for messages: printable ASCII as 'c', anything else as 0xNN.
+std::string describeByte(uint8_t byte);
+
+}  // namespace nk::plist_internal
