@@ -47,8 +47,8 @@ Class& Class::registerClass(std::string_view name, const Class* superclass, unsi
     Exception::raise(kInvalidArgumentException,
                      formatUTF8("A class named %s is already registered", name));
   }
-  Class* meta = new Class(std::string(name), superclass ? superclass->meta_ : nullptr, kNone,
-                          nullptr);
+  Class* meta =
+      new Class(std::string(name), superclass ? superclass->meta_ : nullptr, kNone, nullptr);
   it->second = new Class(std::string(name), superclass, flags, meta);
   return *it->second;
 }
@@ -109,11 +109,10 @@ Imp Class::replaceMethod(std::string_view name, Imp imp, std::string_view types)
 
 namespace class_internal {
 void raiseUnrecognized(const Class& cls, const char* name, bool classMethod) {
-  Exception::raise(kInvalidArgumentException,
-                   formatUTF8("%c[%s %s]: unrecognized selector sent to %s %p",
-                              classMethod ? '+' : '-', cls.name(),
-                                name, classMethod ? "class" : "instance",
-                                &cls));
+  Exception::raise(
+      kInvalidArgumentException,
+      formatUTF8("%c[%s %s]: unrecognized selector sent to %s %p", classMethod ? '+' : '-',
+                 cls.name(), name, classMethod ? "class" : "instance", &cls));
 }
 }  // namespace class_internal
 

@@ -30,9 +30,7 @@ class Method {
   const std::string& name() const noexcept { return name_; }
   Imp implementation() const noexcept { return imp_.load(std::memory_order_acquire); }
   // Sets the implementation, returning the previous one.
-  Imp setImplementation(Imp imp) noexcept {
-    return imp_.exchange(imp, std::memory_order_acq_rel);
-  }
+  Imp setImplementation(Imp imp) noexcept { return imp_.exchange(imp, std::memory_order_acq_rel); }
   const std::string& typeEncoding() const noexcept { return types_; }
 
   // Swaps the implementations of two methods in one step.
@@ -125,10 +123,10 @@ R invokeClassMethod(const Class& cls, const char* name, Args... args) {
 
 // Defines the class record declared by NK_DECLARE_CLASS and registers it by name
 // when the program starts. `...` takes optional nk::Class flags.
-#define NK_DEFINE_CLASS(Type, Name, ...)                                             \
-  const ::nk::Class& Type::staticClass() noexcept {                                  \
-    static const ::nk::Class& cls =                                                  \
+#define NK_DEFINE_CLASS(Type, Name, ...)                                                          \
+  const ::nk::Class& Type::staticClass() noexcept {                                               \
+    static const ::nk::Class& cls =                                                               \
         ::nk::Class::registerClass(Name, &Type::Super::staticClass() __VA_OPT__(, ) __VA_ARGS__); \
-    return cls;                                                                      \
-  }                                                                                  \
+    return cls;                                                                                   \
+  }                                                                                               \
   [[maybe_unused]] static const ::nk::Class& nk_class_registration_##Type = Type::staticClass()

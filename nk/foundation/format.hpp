@@ -32,12 +32,12 @@ struct FormatArg {
 
   FormatArg(const Object* o) : kind(Kind::kObject), object(o) {}  // NOLINT
   template <class T>
-  FormatArg(const Ref<T>& o) : FormatArg(static_cast<const Object*>(o.get())) {}  // NOLINT
-  FormatArg(std::nullptr_t) : kind(Kind::kObject), object(nullptr) {}  // NOLINT
+  FormatArg(const Ref<T>& o) : FormatArg(static_cast<const Object*>(o.get())) {}       // NOLINT
+  FormatArg(std::nullptr_t) : kind(Kind::kObject), object(nullptr) {}                  // NOLINT
   FormatArg(const char* s) : kind(Kind::kText), p(nullptr), text(s ? s : "(null)") {}  // NOLINT
-  FormatArg(std::string_view s) : kind(Kind::kText), p(nullptr), text(s) {}  // NOLINT
-  FormatArg(const std::string& s) : kind(Kind::kText), p(nullptr), text(s) {}  // NOLINT
-  FormatArg(bool b) : kind(Kind::kSigned), i(b ? 1 : 0) {}  // NOLINT
+  FormatArg(std::string_view s) : kind(Kind::kText), p(nullptr), text(s) {}            // NOLINT
+  FormatArg(const std::string& s) : kind(Kind::kText), p(nullptr), text(s) {}          // NOLINT
+  FormatArg(bool b) : kind(Kind::kSigned), i(b ? 1 : 0) {}                             // NOLINT
   template <class T, std::enable_if_t<std::is_integral_v<T> && std::is_signed_v<T>, int> = 0>
   FormatArg(T v) : kind(Kind::kSigned), i(v) {}  // NOLINT
   template <class T, std::enable_if_t<std::is_integral_v<T> && std::is_unsigned_v<T> &&

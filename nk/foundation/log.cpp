@@ -32,9 +32,9 @@ void writeStandardError(std::string_view message) {
   size_t n = strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
   std::string line(stamp, n);
   char rest[96];
-  int m = std::snprintf(rest, sizeof rest, ".%03ld %s[%ld:%ld] ", static_cast<long>(tv.tv_usec / 1000),
-                        program_invocation_short_name, static_cast<long>(getpid()),
-                        static_cast<long>(syscall(SYS_gettid)));
+  int m = std::snprintf(rest, sizeof rest, ".%03ld %s[%ld:%ld] ",
+                        static_cast<long>(tv.tv_usec / 1000), program_invocation_short_name,
+                        static_cast<long>(getpid()), static_cast<long>(syscall(SYS_gettid)));
   if (m > 0) line.append(rest, std::min(static_cast<size_t>(m), sizeof rest - 1));
   line.append(message);
   if (line.empty() || line.back() != '\n') line.push_back('\n');

@@ -28,12 +28,12 @@ using Id = Ref<Object>;
 //    public:
 //     ...
 //   };
-#define NK_DECLARE_CLASS(Type, Base)                                          \
- public:                                                                      \
-  using Super = Base;                                                         \
-  static const ::nk::Class& staticClass() noexcept;                           \
+#define NK_DECLARE_CLASS(Type, Base)                                                 \
+ public:                                                                             \
+  using Super = Base;                                                                \
+  static const ::nk::Class& staticClass() noexcept;                                  \
   const ::nk::Class& objectClass() const noexcept override { return staticClass(); } \
-                                                                              \
+                                                                                     \
  private:
 
 class Object {
@@ -58,9 +58,7 @@ class Object {
   uint32_t retainCount() const noexcept {
     return refs_.load(std::memory_order_relaxed) & ~kImmortal;
   }
-  bool isImmortal() const noexcept {
-    return refs_.load(std::memory_order_relaxed) & kImmortal;
-  }
+  bool isImmortal() const noexcept { return refs_.load(std::memory_order_relaxed) & kImmortal; }
 
   // Value equality as the platform defines it; identity by default.
   virtual bool isEqual(const Object* other) const noexcept;

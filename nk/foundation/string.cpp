@@ -176,10 +176,9 @@ void encodeLatin1AsUTF8(const uint8_t* s, size_t n, std::string& out) {
 }
 
 [[noreturn]] void raiseRange(const char* operation, size_t start, size_t count, size_t length) {
-  Exception::raise(kRangeException,
-                   "-[String " + std::string(operation) + "]: Range {" + std::to_string(start) +
-                       ", " + std::to_string(count) + "} out of bounds; string length " +
-                       std::to_string(length));
+  Exception::raise(kRangeException, "-[String " + std::string(operation) + "]: Range {" +
+                                        std::to_string(start) + ", " + std::to_string(count) +
+                                        "} out of bounds; string length " + std::to_string(length));
 }
 
 // Units of a string as UTF-16, borrowing when it already is UTF-16.
@@ -313,8 +312,7 @@ bool String::isEqualToString(const String* other) const noexcept {
   if (other == this) return true;
   if (other->length_ != length_) return false;
   if (isLatin1() == other->isLatin1()) {
-    return length_ == 0 ||
-           std::memcmp(chars_, other->chars_, length_ * (isLatin1() ? 1 : 2)) == 0;
+    return length_ == 0 || std::memcmp(chars_, other->chars_, length_ * (isLatin1() ? 1 : 2)) == 0;
   }
   const String& l = isLatin1() ? *this : *other;
   const String& w = isLatin1() ? *other : *this;
@@ -376,7 +374,8 @@ size_t String::find(const String* needle, size_t from) const noexcept {
 }
 
 Ref<String> String::substring(size_t start, size_t count) const {
-  if (start > length_ || count > length_ - start) raiseRange("substringWithRange:", start, count, length_);
+  if (start > length_ || count > length_ - start)
+    raiseRange("substringWithRange:", start, count, length_);
   if (start == 0 && count == length_ && !isMemberOfClass(MutableString::staticClass())) {
     return Ref<String>(const_cast<String*>(this));
   }
@@ -410,8 +409,8 @@ Ref<String> caseMap(const String& s, F mapper) {
   for (int attempt = 0; attempt < 2; ++attempt) {
     UErrorCode status = U_ZERO_ERROR;
     int32_t n = mapper(reinterpret_cast<UChar*>(dst.data()), static_cast<int32_t>(dst.size()),
-                       reinterpret_cast<const UChar*>(src.data()),
-                       static_cast<int32_t>(src.size()), "", &status);
+                       reinterpret_cast<const UChar*>(src.data()), static_cast<int32_t>(src.size()),
+                       "", &status);
     if (status == U_BUFFER_OVERFLOW_ERROR) {
       dst.assign(static_cast<size_t>(n), u'\0');
       continue;

@@ -153,8 +153,8 @@ class ConstantString final : public String {
 }  // namespace nk
 
 // A constant string of a literal: one object per use site, made on first use.
-#define NK_STR(literal)                                                       \
-  ([]() noexcept -> ::nk::String* {                                           \
-    static ::nk::String* const s = ::nk::ConstantString::make(literal);       \
-    return s;                                                                 \
+#define NK_STR(literal)                                                 \
+  ([]() noexcept -> ::nk::String* {                                     \
+    static ::nk::String* const s = ::nk::ConstantString::make(literal); \
+    return s;                                                           \
   }())
