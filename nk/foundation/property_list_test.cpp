@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -111,8 +112,9 @@ Bytes dict1(uint64_t key, uint64_t value) {
   return {0xD1, static_cast<uint8_t>(key), static_cast<uint8_t>(value)};
 }
 Bytes ascii(std::string_view s) {
-  Bytes o{static_cast<uint8_t>(0x50 | s.size())};
-  o.insert(o.end(), s.begin(), s.end());
+  Bytes o(s.size() + 1);
+  o[0] = static_cast<uint8_t>(0x50 | s.size());
+  std::copy(s.begin(), s.end(), o.begin() + 1);
   return o;
 }
 
