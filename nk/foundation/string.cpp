@@ -83,9 +83,9 @@ int32_t decodeOne(const uint8_t* s, size_t n, size_t& i) {
   return cp;
 }
 
-// Scans UTF-8: the number of UTF-16 units and whether all fit Latin-1. With
-// `lenient`, malformed sequences count as one U+FFFD; otherwise they fail.
-bool measureUTF8(const uint8_t* s, size_t n, bool lenient, size_t& units, bool& latin1) {
+// Scans UTF-8 in which each malformed sequence stands for one U+FFFD: the number
+// of UTF-16 units and whether all of them fit Latin-1.
+void measureUTF8(const uint8_t* s, size_t n, size_t& units, bool& latin1) {
   units = 0;
   latin1 = true;
   size_t i = 0;
@@ -95,13 +95,74 @@ bool measureUTF8(const uint8_t* s, size_t n, bool lenient, size_t& units, bool& 
     i += ascii;
     if (i >= n) break;
     int32_t cp = decodeOne(s, n, i);
-    if (cp < 0) {
-      if (!lenient) return false;
-      cp = kReplacement;
-    }
+    if (cp < 0) cp = kReplacement;
     units += cp >= 0x10000 ? 2 : 1;
     if (cp > 0xFF) latin1 = false;
   }
+}
+
+// Decodes well-formed UTF-8 into UTF-16; false at the first malformed sequence.
+// `seen` collects the bits of every unit written, so `seen <= 0xFF` tells that
+// all of them fit Latin-1.
+bool decodeUTF8Strict(const uint8_t* s, size_t n, char16_t* out, size_t& units, uint32_t& seen) {
+  size_t i = 0;
+  size_t k = 0;
+  uint32_t bits = 0;
+  while (i < n) {
+    if (i + 8 <= n) {
+      uint64_t w;
+      std::memcpy(&w, s + i, 8);
+      if (!(w & 0x8080808080808080ull)) {
+        for (int j = 0; j < 8; ++j) out[k + j] = s[i + j];
+        i += 8;
+        k += 8;
+        continue;
+      }
+    }
+    uint32_t b = s[i];
+    if (b < 0x80) {
+      out[k++] = static_cast<char16_t>(b);
+      ++i;
+      continue;
+    }
+    if (b >= 0xC2 && b <= 0xDF) {
+      if (i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) return false;
+      uint32_t cp = ((b & 0x1F) << 6) | (s[i + 1] & 0x3F);
+      out[k++] = static_cast<char16_t>(cp);
+      bits |= cp;
+      i += 2;
+      continue;
+    }
+    if (b >= 0xE0 && b <= 0xEF) {
+      if (i + 2 >= n) return false;
+      uint32_t c1 = s[i + 1], c2 = s[i + 2];
+      uint32_t lo = b == 0xE0 ? 0xA0 : 0x80;  // overlong
+      uint32_t hi = b == 0xED ? 0x9F : 0xBF;  // surrogates
+      if (c1 < lo || c1 > hi || (c2 & 0xC0) != 0x80) return false;
+      uint32_t cp = ((b & 0x0F) << 12) | ((c1 & 0x3F) << 6) | (c2 & 0x3F);
+      out[k++] = static_cast<char16_t>(cp);
+      bits |= cp;
+      i += 3;
+      continue;
+    }
+    if (b >= 0xF0 && b <= 0xF4) {
+      if (i + 3 >= n) return false;
+      uint32_t c1 = s[i + 1], c2 = s[i + 2], c3 = s[i + 3];
+      uint32_t lo = b == 0xF0 ? 0x90 : 0x80;  // overlong
+      uint32_t hi = b == 0xF4 ? 0x8F : 0xBF;  // above U+10FFFF
+      if (c1 < lo || c1 > hi || (c2 & 0xC0) != 0x80 || (c3 & 0xC0) != 0x80) return false;
+      uint32_t cp = ((b & 0x07) << 18) | ((c1 & 0x3F) << 12) | ((c2 & 0x3F) << 6) | (c3 & 0x3F);
+      cp -= 0x10000;
+      out[k++] = static_cast<char16_t>(0xD800 + (cp >> 10));
+      out[k++] = static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
+      bits |= 0xD800;
+      i += 4;
+      continue;
+    }
+    return false;
+  }
+  units = k;
+  seen = bits;
   return true;
 }
 
@@ -215,7 +276,10 @@ String* String::allocate(size_t length, bool latin1) {
 
 // Makes an immutable string of any units, compact when they all fit Latin-1.
 Ref<String> String::fromUnits(const char16_t* u, size_t n) {
-  bool latin1 = fitsLatin1(u, n);
+  return fromUnits(u, n, fitsLatin1(u, n));
+}
+
+Ref<String> String::fromUnits(const char16_t* u, size_t n, bool latin1) {
   String* s = allocate(n, latin1);
   if (latin1) {
     auto* out = static_cast<uint8_t*>(s->inlineStorage());
@@ -231,16 +295,20 @@ Ref<String> String::fromUTF8(std::string_view utf8) {
   size_t n = utf8.size();
   size_t ascii = asciiPrefix(s, n);
   if (ascii == n) return fromLatin1(utf8);
-  size_t units;
-  bool latin1;
-  if (!measureUTF8(s, n, false, units, latin1)) return nullptr;
-  String* str = allocate(units, latin1);
-  if (latin1) {
-    decodeUTF8Into(s, n, static_cast<uint8_t*>(str->inlineStorage()));
-  } else {
-    decodeUTF8Into(s, n, static_cast<char16_t*>(str->inlineStorage()));
+  // One decoding pass into scratch space (never more units than bytes), then
+  // one exact allocation in the narrowest form.
+  char16_t local[256];
+  std::unique_ptr<char16_t[]> heap;
+  char16_t* scratch = local;
+  if (n > std::size(local)) {
+    heap.reset(new char16_t[n]);
+    scratch = heap.get();
   }
-  return Ref<String>::adopt(str);
+  for (size_t i = 0; i < ascii; ++i) scratch[i] = s[i];
+  size_t units;
+  uint32_t seen;
+  if (!decodeUTF8Strict(s + ascii, n - ascii, scratch + ascii, units, seen)) return nullptr;
+  return fromUnits(scratch, ascii + units, seen <= 0xFF);
 }
 
 Ref<String> String::fromUTF16(std::u16string_view utf16) {
@@ -470,7 +538,7 @@ void MutableString::appendUTF8(std::string_view utf8) {
   const auto* s = reinterpret_cast<const uint8_t*>(utf8.data());
   size_t units;
   bool latin1;
-  measureUTF8(s, utf8.size(), true, units, latin1);
+  measureUTF8(s, utf8.size(), units, latin1);
   size_t old = buffer_.size();
   buffer_.resize(old + units);
   decodeUTF8Into(s, utf8.size(), buffer_.data() + old);
@@ -527,7 +595,7 @@ ConstantString* ConstantString::make(std::string_view utf8) {
   } else {
     size_t units;
     bool latin1;
-    measureUTF8(bytes, utf8.size(), true, units, latin1);
+    measureUTF8(bytes, utf8.size(), units, latin1);
     s->decoded_.resize(units);
     decodeUTF8Into(bytes, utf8.size(), s->decoded_.data());
     s->setStorage(s->decoded_.data(), units, false);

@@ -106,6 +106,8 @@ class String : public Object {
   // Allocates an immutable string with room for `length` units inline.
   static String* allocate(size_t length, bool latin1);
   static Ref<String> fromUnits(const char16_t* units, size_t count);
+  // `latin1` must tell whether every unit is at most U+00FF.
+  static Ref<String> fromUnits(const char16_t* units, size_t count, bool latin1);
   void* inlineStorage() noexcept { return this + 1; }
 
   const void* chars_ = nullptr;
