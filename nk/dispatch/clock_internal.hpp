@@ -1,0 +1,32 @@
+// Clock readings in nanoseconds and overflow-safe arithmetic on them, shared by the timer
+// thread, timer sources and run-loop timers.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+
+namespace nk::dispatch_internal {
+
+inline int64_t monotonicNowNs() noexcept {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+inline int64_t wallNowNs() noexcept {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// a + b, clamped to the int64_t range instead of overflowing.
+inline int64_t saturatingAdd(int64_t a, int64_t b) noexcept {
+  int64_t r;
+  if (__builtin_add_overflow(a, b, &r)) {
+    return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+  }
+  return r;
+}
+
+}  // namespace nk::dispatch_internal

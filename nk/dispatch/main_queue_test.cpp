@@ -1,0 +1,105 @@
+// Tests for the main queue and the main thread: work runs only inside the main loop, on
+// the main thread, in order, from any number of producers.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "nk/dispatch/main_thread.hpp"
+#include "nk/dispatch/queue.hpp"
+#include "nk/dispatch/run_loop.hpp"
+#include "nk/dispatch/semaphore.hpp"
+
+namespace nk {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 20s;
+
+TEST(MainThread, IsTheInitialThread) {
+  EXPECT_TRUE(isMainThread());  // gtest runs tests on the initial thread
+  bool elsewhere = true;
+  std::thread([&] { elsewhere = isMainThread(); }).join();
+  EXPECT_FALSE(elsewhere);
+}
+
+TEST(MainQueue, RunsOnlyWhileTheMainLoopRuns) {
+  std::atomic<bool> ran{false}, onMain{false};
+  std::thread([&] {
+    Queue::main().async([&] {
+      onMain = isMainThread() && Queue::main().isCurrent();
+      ran = true;
+    });
+  }).join();
+  std::this_thread::sleep_for(20ms);
+  EXPECT_FALSE(ran) << "ran without the main loop";
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return ran.load(); }, kPatience));
+  EXPECT_TRUE(onMain);
+}
+
+TEST(MainQueue, LosesNoWorkFromManyProducers) {
+  constexpr int kThreads = 4, kPerThread = 20000;
+  std::vector<int> next(kThreads, 0);  // touched only on the main thread
+  bool outOfOrder = false, offMain = false;
+  int total = 0;
+  std::vector<std::thread> producers;
+  for (int t = 0; t < kThreads; ++t) {
+    producers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        Queue::main().async([&, t, i] {
+          outOfOrder |= next[t] != i;
+          offMain |= !isMainThread();
+          next[t] = i + 1;
+          ++total;
+        });
+      }
+    });
+  }
+  // Producers and the loop run at the same time, so the loop sleeps and wakes often.
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return total == kThreads * kPerThread; }, kPatience));
+  for (auto& p : producers) p.join();
+  EXPECT_FALSE(outOfOrder);
+  EXPECT_FALSE(offMain);
+}
+
+TEST(MainQueue, SyncFromAnotherThreadRunsOnTheMainThread) {
+  std::atomic<bool> returned{false};
+  bool onMain = false;
+  std::thread worker([&] {
+    int v = Queue::main().sync([&] {
+      onMain = isMainThread();
+      return 42;
+    });
+    EXPECT_EQ(v, 42);
+    EXPECT_THROW(Queue::main().sync([] { throw std::logic_error("on main"); }), std::logic_error);
+    returned = true;
+    RunLoop::main().wakeUp();
+  });
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return returned.load(); }, kPatience));
+  worker.join();
+  EXPECT_TRUE(onMain);
+}
+
+TEST(MainQueue, NestedLoopInATaskRunsLaterTasks) {
+  // A modal loop inside a main-queue task must not stall the main queue.
+  bool innerRan = false, nestedReturned = false, outerDone = false;
+  Queue::main().async([&] {
+    Queue::main().async([&] { innerRan = true; });
+    nestedReturned = RunLoop::main().runUntil([&] { return innerRan; }, kPatience);
+    outerDone = true;
+  });
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return outerDone; }, kPatience));
+  EXPECT_TRUE(nestedReturned);
+}
+
+TEST(MainQueueDeathTest, SyncFromTheMainThreadTerminates) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(Queue::main().sync([] {}),
+               "sync onto the main queue from the main thread would deadlock");
+}
+
+}  // namespace
+}  // namespace nk

@@ -1,0 +1,218 @@
+// The shared worker pool: worker loop, parking and waking, growth while workers block.
+#include "nk/dispatch/thread_pool_internal.hpp"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <thread>
+
+namespace nk::dispatch_internal {
+namespace {
+
+thread_local bool tlsPoolThread = false;
+// The parking position this worker holds, or 0. Kept while awake, so that waking up
+// touches one shared word fewer; given back while blocked and on exit.
+thread_local uint32_t tlsPosition = 0;
+
+// Enough to keep every processor busy; at least two so that global queues are concurrent
+// on single-processor machines too, and at most one per parking position.
+unsigned machineThreads() noexcept {
+  return std::clamp(std::thread::hardware_concurrency(), 2u, 32u);
+}
+
+// The parked-workers half of the state word, as a futex word.
+uint32_t* parkedWord(std::atomic<uint64_t>* state) noexcept {
+  static_assert(std::endian::native == std::endian::little);
+  return reinterpret_cast<uint32_t*>(state);
+}
+
+void waitBit(std::atomic<uint64_t>* state, uint32_t expected, uint32_t bit) noexcept {
+  int saved = errno;
+  ::syscall(SYS_futex, parkedWord(state), FUTEX_WAIT_BITSET_PRIVATE, expected, nullptr, nullptr,
+            bit);
+  errno = saved;
+}
+
+void wakeBit(std::atomic<uint64_t>* state, uint32_t bit) noexcept {
+  int saved = errno;
+  ::syscall(SYS_futex, parkedWord(state), FUTEX_WAKE_BITSET_PRIVATE, INT_MAX, nullptr, nullptr,
+            bit);
+  errno = saved;
+}
+
+}  // namespace
+
+ThreadPool& ThreadPool::instance() noexcept {
+  // Never destroyed: detached workers may still be running when static destructors run.
+  static ThreadPool* pool = new ThreadPool;
+  return *pool;
+}
+
+ThreadPool::ThreadPool() : target_(machineThreads()), maxThreads_(machineThreads() + 64) {
+  for (unsigned i = 0; i < target_; ++i) {
+    census_.fetch_add(kThreadOne, std::memory_order_relaxed);
+    spawn();
+  }
+}
+
+bool ThreadPool::isPoolThread() noexcept { return tlsPoolThread; }
+
+void ThreadPool::spawn() noexcept {
+  try {
+    std::thread([this] { workerMain(); }).detach();
+  } catch (...) {
+    // No thread: the work waits for a worker that frees up.
+    census_.fetch_sub(kThreadOne, std::memory_order_relaxed);
+  }
+}
+
+bool ThreadPool::popAny(WorkItem& item) {
+  for (auto& q : queues_) {
+    if (q.pop(item)) return true;
+  }
+  return false;
+}
+
+bool ThreadPool::anyPending() const noexcept {
+  for (const auto& q : queues_) {
+    if (!q.empty()) return true;
+  }
+  return false;
+}
+
+void ThreadPool::wakeOne(uint64_t s) noexcept {
+  for (;;) {
+    if (searching(s) != 0 || parked(s) == 0) return;
+    uint32_t bit = uint32_t{1} << std::countr_zero(parked(s));
+    if (state_.compare_exchange_weak(s, (s & ~uint64_t{bit}) + kSearchingOne,
+                                     std::memory_order_seq_cst)) {
+      wakeBit(&state_, bit);
+      return;
+    }
+  }
+}
+
+void ThreadPool::workerMain() {
+  tlsPoolThread = true;
+  pthread_setname_np(pthread_self(), "nk-pool");
+  bool searching = false;
+  for (;;) {
+    WorkItem item;
+    if (popAny(item)) {
+      if (searching) {
+        searching = false;
+        // The last searcher to find work hands the search on if more is waiting.
+        uint64_t before = state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
+        if (this->searching(before) == 1 && anyPending()) notify();
+      }
+      run(item);
+      continue;
+    }
+    if (!park(searching)) return;
+  }
+}
+
+// Returns false when the worker should exit: the pool is above its size, or every
+// parking position is taken.
+bool ThreadPool::park(bool& searching) {
+  uint64_t c = census_.load(std::memory_order_relaxed);
+  bool leave = false;
+  while (static_cast<uint32_t>(c) - (c >> 32) > target_) {
+    if (census_.compare_exchange_weak(c, c - kThreadOne, std::memory_order_relaxed)) {
+      leave = true;
+      break;
+    }
+  }
+  if (!leave && tlsPosition == 0) {
+    uint32_t held = positions_.load(std::memory_order_relaxed);
+    while (held != ~uint32_t{0}) {
+      uint32_t bit = uint32_t{1} << std::countr_zero(~held);
+      if (positions_.compare_exchange_weak(held, held | bit, std::memory_order_acquire)) {
+        tlsPosition = bit;
+        break;
+      }
+    }
+    if (tlsPosition == 0) {
+      census_.fetch_sub(kThreadOne, std::memory_order_relaxed);
+      leave = true;
+    }
+  }
+  if (leave) {
+    if (tlsPosition != 0) positions_.fetch_and(~tlsPosition, std::memory_order_release);
+    tlsPosition = 0;
+    if (searching) state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
+    // Leaving may strand work a submitter saw this worker about to take.
+    if (anyPending()) notify();
+    return false;
+  }
+
+  const uint32_t bit = tlsPosition;
+  const uint64_t change = bit - (searching ? kSearchingOne : 0);  // modulo 2^64
+  uint64_t s = state_.fetch_add(change, std::memory_order_seq_cst) + change;
+  searching = false;
+
+  // A submitter that saw this worker awake did not wake anyone, so look once more.
+  if (anyPending()) {
+    s = state_.load(std::memory_order_relaxed);
+    while (parked(s) & bit) {
+      if (state_.compare_exchange_weak(s, s & ~uint64_t{bit}, std::memory_order_seq_cst)) {
+        return true;  // unparked itself
+      }
+    }
+    // Claimed meanwhile: counted as searching by the claimer.
+  } else {
+    while (parked(s) & bit) {
+      waitBit(&state_, parked(s), bit);
+      // Everything a woken worker touches next was written by the thread that woke it:
+      // fetch it all at once. The state line for writing, as leaving the searching state
+      // is the next thing done to it.
+      __builtin_prefetch(&state_, 1);
+      for (const auto& q : queues_) q.prefetchHead();
+      s = state_.load(std::memory_order_acquire);
+    }
+  }
+  searching = true;
+  return true;
+}
+
+void ThreadPool::enterBlocking() noexcept {
+  if (tlsPosition != 0) {
+    positions_.fetch_and(~tlsPosition, std::memory_order_release);
+    tlsPosition = 0;
+  }
+  uint64_t c = census_.fetch_add(kBlockedOne, std::memory_order_relaxed) + kBlockedOne;
+  // Keep target_ workers unblocked, within the cap.
+  while (static_cast<uint32_t>(c) - (c >> 32) < target_ && static_cast<uint32_t>(c) < maxThreads_) {
+    if (census_.compare_exchange_weak(c, c + kThreadOne, std::memory_order_relaxed)) {
+      spawn();
+      break;
+    }
+  }
+}
+
+void ThreadPool::exitBlocking() noexcept {
+  census_.fetch_sub(kBlockedOne, std::memory_order_relaxed);
+}
+
+void ThreadPool::run(WorkItem& item) {
+  auto* queue = reinterpret_cast<QueueCore*>(item.aux & ~kDrainTag);
+  if (item.aux & kDrainTag) {
+    queue->drain();
+    return;
+  }
+  {
+    FrameScope frame(queue, false);
+    invokeGuarded(item.task, queue);
+  }
+  // Destroy what the task captured before the queue learns it is done: a barrier then
+  // sees the effects of destructors too, and the queue may be deleted right after.
+  item.task.reset();
+  if (queue->kind == QueueKind::kConcurrent) queue->taskDone();
+}
+
+}  // namespace nk::dispatch_internal

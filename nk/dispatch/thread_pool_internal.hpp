@@ -1,0 +1,91 @@
+// ThreadPool: the one pool of worker threads behind the global queues and every queue
+// callers make. Sized to the machine; grows while its workers are blocked waiting.
+//
+// A parked worker is one bit of the pool's state word, and sleeps on that word with a
+// futex bitset naming its bit. A submitter wakes a worker only when work is waiting, no
+// woken worker is still looking for work, and a worker is parked: it claims the worker by
+// clearing its bit (one compare-and-swap) and wakes exactly that thread. A woken worker
+// that finds more work behind its own wakes the next one, so a burst of submissions costs
+// the submitter at most one wake-up. Nothing spins.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "nk/dispatch/queue_core_internal.hpp"
+#include "nk/dispatch/segmented_queue_internal.hpp"
+
+namespace nk::dispatch_internal {
+
+class ThreadPool {
+ public:
+  static ThreadPool& instance() noexcept;
+
+  // Queues `item` at `priority` and wakes a worker if one is needed. Any thread.
+  void push(QueuePriority priority, WorkItem&& item) {
+    __builtin_prefetch(&state_);  // overlap notify()'s read with the push
+    queues_[static_cast<unsigned>(priority)].push(std::move(item));
+    notify();
+  }
+
+  // Brackets a wait on a pool thread, so that other work can still get a thread.
+  void enterBlocking() noexcept;
+  void exitBlocking() noexcept;
+  static bool isPoolThread() noexcept;
+
+  unsigned targetThreads() const noexcept { return target_; }
+
+ private:
+  // state_: bits 0-31 parked workers, by parking position (the futex word); bits 32-63
+  // workers woken and not yet running a task.
+  static constexpr uint64_t kParkedMask = 0xffff'ffffu;
+  static constexpr uint64_t kSearchingOne = uint64_t{1} << 32;
+  static constexpr unsigned kPositions = 32;
+  // census_: bits 0-31 live workers, bits 32-63 workers blocked in a wait.
+  static constexpr uint64_t kThreadOne = 1;
+  static constexpr uint64_t kBlockedOne = uint64_t{1} << 32;
+  static constexpr unsigned kPriorities = 4;
+
+  ThreadPool();
+  static uint32_t parked(uint64_t s) noexcept { return static_cast<uint32_t>(s); }
+  static uint32_t searching(uint64_t s) noexcept { return static_cast<uint32_t>(s >> 32); }
+
+  void notify() noexcept {
+    uint64_t s = state_.load(std::memory_order_seq_cst);
+    if (searching(s) != 0 || parked(s) == 0) return;
+    wakeOne(s);
+  }
+  void wakeOne(uint64_t s) noexcept;
+  void spawn() noexcept;
+  bool popAny(WorkItem& item);
+  bool anyPending() const noexcept;
+  void workerMain();
+  bool park(bool& searching);
+  void run(WorkItem& item);
+
+  SegmentedQueue<WorkItem> queues_[kPriorities];
+  alignas(64) std::atomic<uint64_t> state_{0};
+  alignas(64) std::atomic<uint32_t> positions_{0};  // parking positions in use
+  std::atomic<uint64_t> census_{0};
+  const unsigned target_;
+  const unsigned maxThreads_;
+};
+
+// Tells the pool, for its lifetime, that the current thread is waiting. No effect off the
+// pool.
+class BlockingRegion {
+ public:
+  BlockingRegion() noexcept : active_(ThreadPool::isPoolThread()) {
+    if (active_) ThreadPool::instance().enterBlocking();
+  }
+  ~BlockingRegion() {
+    if (active_) ThreadPool::instance().exitBlocking();
+  }
+  BlockingRegion(const BlockingRegion&) = delete;
+  BlockingRegion& operator=(const BlockingRegion&) = delete;
+
+ private:
+  bool active_;
+};
+
+}  // namespace nk::dispatch_internal
