@@ -1,0 +1,147 @@
+// Tests of NotificationCenter: matching by name and by sender, removal and
+// addition during delivery, the posting thread, queued delivery and concurrent
+// use.
+#include "nk/system/notification_center.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "nk/dispatch/semaphore.hpp"
+
+namespace nk {
+namespace {
+
+TEST(NotificationCenter, MatchesByNameAndSender) {
+  auto center = NotificationCenter::make();
+  auto sender = NK_STR("sender");
+  auto other = String::fromUTF8("sender");  // equal, but another object
+  std::vector<std::string> heard;
+  auto byName = center->addObserver(NK_STR("A"), nullptr, [&](const Notification* n) {
+    heard.push_back("name:" + n->name()->utf8());
+  });
+  auto bySender = center->addObserver(nullptr, sender, [&](const Notification* n) {
+    heard.push_back("sender:" + n->name()->utf8());
+  });
+  auto byBoth = center->addObserver(NK_STR("B"), sender, [&](const Notification* n) {
+    heard.push_back("both:" + n->name()->utf8());
+  });
+  {  // a name alone
+    center->postNotification(NK_STR("A"), nullptr);
+    EXPECT_EQ(heard, (std::vector<std::string>{"name:A"}));
+  }
+  {  // a sender is matched by identity, not equality
+    heard.clear();
+    center->postNotification(NK_STR("B"), other.get());
+    EXPECT_TRUE(heard.empty());
+    center->postNotification(NK_STR("B"), sender);
+    EXPECT_EQ(heard, (std::vector<std::string>{"sender:B", "both:B"}));
+  }
+  {  // the notification carries its user information
+    Ref<Dictionary> seen;
+    auto token = center->addObserver(NK_STR("C"), nullptr,
+                                     [&](const Notification* n) { seen = n->userInfo(); });
+    auto info = Dictionary::make({{NK_STR("k"), NK_STR("v")}});
+    center->postNotificationName(NK_STR("C"), nullptr, info.get());
+    ASSERT_TRUE(seen);
+    EXPECT_TRUE(seen->isEqual(info.get()));
+    center->removeObserver(token.get());
+  }
+  {  // removed observers hear nothing; unknown tokens are ignored
+    heard.clear();
+    center->removeObserver(byName.get());
+    center->removeObserver(bySender.get());
+    center->removeObserver(byBoth.get());
+    center->removeObserver(byBoth.get());
+    center->removeObserver(NK_STR("not a token"));
+    center->removeObserver(nullptr);
+    center->postNotification(NK_STR("A"), sender);
+    EXPECT_TRUE(heard.empty());
+    EXPECT_EQ(center->observerCount(), 0u);
+  }
+}
+
+TEST(NotificationCenter, ChangesDuringDelivery) {
+  auto center = NotificationCenter::make();
+  int first = 0, second = 0, added = 0;
+  Id secondToken, firstToken;
+  {  // an observer removing itself and the next one: neither is called again
+    firstToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) {
+      ++first;
+      center->removeObserver(firstToken.get());
+      center->removeObserver(secondToken.get());
+    });
+    secondToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) { ++second; });
+    center->postNotification(NK_STR("N"), nullptr);
+    center->postNotification(NK_STR("N"), nullptr);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 0);
+  }
+  {  // an observer added during delivery hears only later notifications
+    Id adder;
+    adder = center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) {
+      center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) { ++added; });
+      center->removeObserver(adder.get());
+    });
+    center->postNotification(NK_STR("M"), nullptr);
+    EXPECT_EQ(added, 0);
+    center->postNotification(NK_STR("M"), nullptr);
+    EXPECT_EQ(added, 1);
+  }
+}
+
+TEST(NotificationCenter, DeliversOnThePostingThreadOrTheQueue) {
+  auto center = NotificationCenter::make();
+  std::thread::id seen;
+  auto token = center->addObserver(NK_STR("T"), nullptr,
+                                   [&](const Notification*) { seen = std::this_thread::get_id(); });
+  std::thread poster([&] { center->postNotification(NK_STR("T"), nullptr); });
+  std::thread::id posterId = poster.get_id();
+  poster.join();
+  EXPECT_EQ(seen, posterId);
+  center->removeObserver(token.get());
+
+  auto queue = Queue::serial("nk.test.notifications");
+  Semaphore done(0);
+  std::atomic<bool> onQueue{false};
+  token = center->addObserver(
+      NK_STR("Q"), nullptr,
+      [&](const Notification*) {
+        onQueue = queue.isCurrent();
+        done.signal();
+      },
+      queue);
+  center->postNotification(NK_STR("Q"), nullptr);
+  ASSERT_TRUE(done.waitFor(std::chrono::seconds(5)));
+  EXPECT_TRUE(onQueue.load());
+  center->removeObserver(token.get());
+}
+
+TEST(NotificationCenter, ConcurrentPostsAndRemovals) {
+  auto center = NotificationCenter::make();
+  std::atomic<int> calls{0};
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> posters;
+  for (int i = 0; i < 4; ++i) {
+    posters.emplace_back([&] {
+      while (!stop) center->postNotification(NK_STR("X"), nullptr);
+    });
+  }
+  for (int round = 0; round < 500; ++round) {
+    auto token = center->addObserver(NK_STR("X"), nullptr, [&](const Notification*) { ++calls; });
+    center->removeObserver(token.get());
+  }
+  stop = true;
+  for (auto& t : posters) t.join();
+  EXPECT_EQ(center->observerCount(), 0u);
+  // After every removal has returned and every post has ended, nothing more
+  // arrives.
+  int settled = calls.load();
+  center->postNotification(NK_STR("X"), nullptr);
+  EXPECT_EQ(calls.load(), settled);
+}
+
+}  // namespace
+}  // namespace nk
