@@ -1,0 +1,259 @@
+// Tests of chaining: which handlers run or are skipped, how outcomes settle the
+// next promise, and which queue and thread handlers run on.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "nk/dispatch/main_thread.hpp"
+#include "nk/foundation/exception.hpp"
+#include "nk/foundation/number.hpp"
+#include "nk/promise/promise.hpp"
+#include "nk/promise/promise_test_support_internal.hpp"
+
+namespace nk {
+namespace {
+
+using promise_test::deferred;
+using promise_test::settles;
+using promise_test::UnhandledCapture;
+
+Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+
+TEST(PromiseChain, ThenRunsOnFulfilmentAndSettlesTheNext) {
+  UnhandledCapture quiet;
+  // Settled path: the handler's object fulfils the next promise.
+  {
+    auto p = PRMPromise::promiseWithValue(Number::withInt(2));
+    auto next = p->then([](Ref<Number> n) { return Number::withInt(n->intValue() * 10); });
+    ASSERT_TRUE(settles(next));
+    EXPECT_TRUE(isEqual(next->value(), Number::withInt(20)));
+  }
+  // Pending path, through the chain callable.
+  {
+    auto d = deferred();
+    auto next = d.promise->then()([](Id) { return 5L; });
+    EXPECT_TRUE(next->pending());
+    (*d.resolve)(NK_STR("go"));
+    ASSERT_TRUE(settles(next));
+    EXPECT_TRUE(isEqual(next->value(), Number::withLong(5)));
+  }
+  // Returning nothing fulfils with nil; raising rejects with the converted error.
+  {
+    auto p = PRMPromise::promiseWithValue(nullptr);
+    auto none = p->then([] {});
+    auto raised = p->then([]() -> Id { Exception::raise("Boom", "bad"); });
+    ASSERT_TRUE(settles(none) && settles(raised));
+    EXPECT_EQ(PRMGetResult(none.get()).get(), PRMNull());
+    ASSERT_TRUE(raised->rejected());
+    EXPECT_EQ(cast<Error>(raised->value())->localizedDescription()->utf8(), "bad");
+  }
+  // A returned error rejects the next promise with it.
+  {
+    auto e = someError();
+    auto next = PRMPromise::promiseWithValue(nullptr)->then([&] { return e; });
+    ASSERT_TRUE(settles(next));
+    EXPECT_EQ(next->value(), e);
+  }
+}
+
+TEST(PromiseChain, ErrorsSkipThenAsTheIdenticalObject) {
+  UnhandledCapture quiet;
+  auto e = someError();
+  std::atomic<int> ran{0};
+  // Settled path: the skip is made at once, nothing is queued.
+  {
+    auto next = PRMPromise::promiseWithValue(e)->then([&](Id) { ++ran; });
+    EXPECT_TRUE(next->rejected());
+    EXPECT_EQ(next->value(), e);
+  }
+  // Pending path: the skip happens on the settling thread, without the main loop.
+  {
+    auto d = deferred();
+    auto a = d.promise->then([&](Id) { ++ran; });
+    auto b = a->thenOn(Queue::global(), [&](Id) { ++ran; });
+    std::thread t([&] { (*d.resolve)(e); });
+    t.join();
+    EXPECT_TRUE(a->rejected());
+    EXPECT_TRUE(b->rejected());
+    EXPECT_EQ(a->value(), e);
+    EXPECT_EQ(b->value(), e);
+  }
+  // Several skips, then a catch receives the very same object.
+  {
+    auto d = deferred();
+    Id caught;
+    auto end = d.promise->then([&] { ++ran; })->then([&] { ++ran; })->catch_([&](Id x) {
+      caught = x;
+      return NK_STR("recovered");
+    });
+    (*d.resolve)(e);
+    ASSERT_TRUE(settles(end));
+    EXPECT_EQ(caught, e);
+    EXPECT_TRUE(end->fulfilled());
+  }
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+  EXPECT_EQ(ran.load(), 0);
+}
+
+TEST(PromiseChain, CatchRecoversOrPassesOn) {
+  UnhandledCapture quiet;
+  auto e = someError();
+  // Fulfilled values skip catch: the same value, nil staying nil.
+  {
+    auto n = Number::withInt(4);
+    bool ran = false;
+    auto next = PRMPromise::promiseWithValue(n)->catch_([&](Id) { ran = true; });
+    EXPECT_EQ(next->value(), n);
+    auto none = PRMPromise::promiseWithValue(nullptr)->catch_([&](Id) { ran = true; });
+    EXPECT_TRUE(none->fulfilled());
+    EXPECT_EQ(PRMGetResult(none.get()).get(), PRMNull());
+    auto array = PRMArrayWithCount(2, n, n);
+    EXPECT_EQ(
+        PRMGetResult(PRMPromise::promiseWithValue(array)->catch_([&](Id) { ran = true; }).get()),
+        array);
+    EXPECT_FALSE(ran);
+  }
+  // A catch returning nothing fulfils with nil, in both paths.
+  {
+    auto settled = PRMPromise::promiseWithValue(e)->catch_([](Id) {});
+    auto d = deferred();
+    auto pending = d.promise->catch_([](Ref<Error>) {});
+    (*d.resolve)(e);
+    ASSERT_TRUE(settles(settled) && settles(pending));
+    EXPECT_TRUE(settled->fulfilled());
+    EXPECT_TRUE(pending->fulfilled());
+    EXPECT_EQ(pending->value(), nullptr);
+  }
+  // A catch returning the error leaves the next promise rejected with it.
+  {
+    auto next = PRMPromise::promiseWithValue(e)->catch_([](Ref<Error> x) { return x; });
+    ASSERT_TRUE(settles(next));
+    EXPECT_EQ(next->value(), e);
+  }
+}
+
+TEST(PromiseChain, FinallyRunsInBothOutcomes) {
+  UnhandledCapture quiet;
+  auto e = someError();
+  auto n = Number::withInt(8);
+  // Settled path: the outcome passes on unchanged.
+  {
+    int runs = 0;
+    auto r = PRMPromise::promiseWithValue(e)->finally([&] { ++runs; });
+    auto f = PRMPromise::promiseWithValue(n)->finally()([&] { ++runs; });
+    ASSERT_TRUE(settles(r) && settles(f));
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(r->value(), e);
+    EXPECT_TRUE(r->rejected());
+    EXPECT_EQ(f->value(), n);
+  }
+  // Pending path.
+  {
+    int runs = 0;
+    auto d1 = deferred(), d2 = deferred();
+    auto r = d1.promise->finally([&] { ++runs; });
+    auto f = d2.promise->finally([&] { ++runs; });
+    (*d1.resolve)(e);
+    (*d2.resolve)(n);
+    ASSERT_TRUE(settles(r) && settles(f));
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(r->value(), e);
+    EXPECT_EQ(f->value(), n);
+  }
+  // A raising finally rejects with the converted error, in both paths.
+  {
+    auto thrower = [] { Exception::raise("Boom", "finally broke"); };
+    auto settled = PRMPromise::promiseWithValue(n)->finally(thrower);
+    auto d = deferred();
+    auto pending = d.promise->finally(thrower);
+    (*d.resolve)(e);
+    ASSERT_TRUE(settles(settled) && settles(pending));
+    for (const auto& p : {settled, pending}) {
+      ASSERT_TRUE(p->rejected());
+      auto* err = cast<Error>(p->value().get());
+      EXPECT_EQ(err->code(), 1);
+      EXPECT_EQ(err->localizedDescription()->utf8(), "finally broke");
+    }
+  }
+}
+
+TEST(PromiseChain, ReturnedAndHeldPromisesAreFollowed) {
+  UnhandledCapture quiet;
+  // A handler returning a pending promise: the next waits for it.
+  {
+    auto inner = deferred();
+    auto next = PRMPromise::promiseWithValue(nullptr)->then([&] { return inner.promise; });
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_TRUE(next->pending());
+    (*inner.resolve)(NK_STR("late"));
+    ASSERT_TRUE(settles(next));
+    EXPECT_EQ(next->value()->description()->utf8(), "late");
+  }
+  // then on a promise whose slot holds a promise registers on the inner one.
+  {
+    auto inner = deferred();
+    auto holder = PRMPromise::promiseWithValue(inner.promise);
+    Id seen;
+    auto next = holder->then([&](Id x) {
+      seen = x;
+      return 1;
+    });
+    EXPECT_EQ(inner.promise->description()->utf8(), "Promise: 1 pending handlers");
+    auto v = Number::withInt(6);
+    (*inner.resolve)(v);
+    ASSERT_TRUE(settles(next));
+    EXPECT_EQ(seen, v);
+  }
+}
+
+TEST(PromiseQueues, ThenRunsOnTheMainThreadWhileTheLoopRuns) {
+  std::atomic<int> runs{0};
+  std::atomic<bool> onMain{false};
+  auto next = PRMPromise::promiseWithValue(nullptr)->then([&] {
+    onMain = isMainThread();
+    ++runs;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(runs.load(), 0);  // the main loop has not run yet
+  ASSERT_TRUE(settles(next));
+  EXPECT_EQ(runs.load(), 1);
+  EXPECT_TRUE(onMain.load());
+}
+
+TEST(PromiseQueues, ThenInBackgroundRunsOnAPoolThread) {
+  std::atomic<bool> onMain{true};
+  auto d = deferred();
+  auto next = d.promise->thenInBackground([&] { onMain = isMainThread(); });
+  (*d.resolve)(nullptr);
+  // No main loop needed: wait from this thread.
+  for (int i = 0; i < 500 && next->pending(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_FALSE(next->pending());
+  EXPECT_FALSE(onMain.load());
+}
+
+TEST(PromiseQueues, HandlersOnOneSerialQueueRunInRegistrationOrder) {
+  auto d = deferred();
+  std::vector<int> order;
+  std::vector<Ref<PRMPromise>> nexts;
+  for (int i = 0; i < 5; ++i) nexts.push_back(d.promise->then([&order, i] { order.push_back(i); }));
+  auto q = Queue::serial("prm.test.order");
+  std::vector<int> serialOrder;
+  std::mutex lock;
+  for (int i = 0; i < 5; ++i) {
+    nexts.push_back(d.promise->thenOn()(q, [&, i] {
+      std::lock_guard<std::mutex> g(lock);
+      serialOrder.push_back(i);
+    }));
+  }
+  (*d.resolve)(nullptr);
+  for (auto& p : nexts) ASSERT_TRUE(settles(p));
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(serialOrder, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+}  // namespace
+}  // namespace nk

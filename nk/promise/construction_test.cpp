@@ -1,0 +1,241 @@
+// Tests of the constructors: the resolver's guard, the fulfiller and rejecter, bodies
+// that raise, the adapters, dispatch_promise and the shared operation queue.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "nk/dispatch/main_thread.hpp"
+#include "nk/foundation/exception.hpp"
+#include "nk/foundation/number.hpp"
+#include "nk/promise/promise.hpp"
+#include "nk/promise/promise_test_support_internal.hpp"
+
+namespace nk {
+namespace {
+
+using promise_test::deferred;
+using promise_test::LogCapture;
+using promise_test::settles;
+using promise_test::UnhandledCapture;
+
+constexpr const char* kAlready = "Migriornop: Warning: Promise already resolved";
+
+Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+
+const Error* errorOf(const Ref<PRMPromise>& p) { return cast<Error>(PRMGetResult(p.get()).get()); }
+
+TEST(PromiseConstruction, PromiseWithValue) {
+  UnhandledCapture quiet;
+  EXPECT_TRUE(PRMPromise::promiseWithValue(nullptr)->fulfilled());
+  EXPECT_EQ(PRMPromise::promiseWithValue(nullptr)->value(), nullptr);
+  auto e = someError();
+  auto p = PRMPromise::promiseWithValue(e);
+  EXPECT_TRUE(p->rejected());
+  auto tracker = PRMError::trackerOf(e.get());
+  ASSERT_NE(tracker, nullptr);
+  EXPECT_FALSE(tracker->consumed());
+}
+
+TEST(PromiseConstruction, ResolverSettlesOnce) {
+  LogCapture log;
+  // Twice: the second call warns and changes nothing.
+  {
+    Ref<String> first = NK_STR("first");
+    auto p = PRMPromise::new_([&](PRMFulfiller fulfil, PRMRejecter) {
+      fulfil(first);
+      fulfil(NK_STR("second"));
+    });
+    EXPECT_EQ(p->value(), first);
+    EXPECT_EQ(log.count(kAlready), 1u);
+  }
+  // A resolver kept and called later, from another thread.
+  {
+    auto d = deferred();
+    std::thread t([&] { (*d.resolve)(Number::withInt(1)); });
+    t.join();
+    EXPECT_TRUE(isEqual(d.promise->value(), Number::withInt(1)));
+  }
+}
+
+TEST(PromiseConstruction, FulfillerAndRejecter) {
+  UnhandledCapture quiet;
+  LogCapture log;
+  // Fulfilling with an error rejects, after a warning.
+  {
+    auto e = someError();
+    auto p = PRMPromise::new_([&](PRMFulfiller f, PRMRejecter) { f(e); });
+    EXPECT_EQ(PRMGetResult(p.get()), e);
+    EXPECT_EQ(log.count("Migriornop: Warning: PRMFulfiller called with NSError."), 1u);
+  }
+  // Rejecting with nil: code 3 without user information, and a warning.
+  {
+    auto p = PRMPromise::new_([](PRMFulfiller, PRMRejecter j) { j(nullptr); });
+    ASSERT_NE(errorOf(p), nullptr);
+    EXPECT_EQ(errorOf(p)->code(), 3);
+    EXPECT_TRUE(errorOf(p)->domain()->isEqual(PRMErrorDomain()));
+    EXPECT_EQ(errorOf(p)->userInfo(), nullptr);
+    EXPECT_EQ(log.count("Migriornop: Warning: Promise rejected with nil"), 1u);
+  }
+  // Rejecting with a string: code 3 describing and holding it.
+  {
+    Ref<String> why = String::fromUTF8("no disk");
+    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(why); });
+    ASSERT_NE(errorOf(p), nullptr);
+    EXPECT_EQ(errorOf(p)->code(), 3);
+    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "no disk");
+    EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(NK_STR("PRMUnderlyingExceptionKey")), why);
+  }
+  // Rejecting with a rejected promise adopts its very error.
+  {
+    auto e = someError(11);
+    auto p =
+        PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(PRMPromise::promiseWithValue(e)); });
+    EXPECT_EQ(PRMGetResult(p.get()), e);
+  }
+  // Rejecting with a fulfilled promise: code 3 described by that promise.
+  {
+    auto fulfilled = PRMPromise::promiseWithValue(Number::withInt(2));
+    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(fulfilled); });
+    ASSERT_NE(errorOf(p), nullptr);
+    EXPECT_EQ(errorOf(p)->code(), 3);
+    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "Promise: fulfilled: 2");
+    EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), fulfilled);
+  }
+  // Rejecting with an error rejects with it, without any warning.
+  {
+    size_t before = log.lines().size();
+    auto e = someError();
+    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(e); });
+    EXPECT_EQ(PRMGetResult(p.get()), e);
+    EXPECT_EQ(log.lines().size(), before);
+  }
+}
+
+TEST(PromiseConstruction, BodiesThatRaise) {
+  UnhandledCapture quiet;
+  // Raising after fulfilling: the converted error replaces the value.
+  {
+    auto p = PRMPromise::promiseWithResolver([](PRMResolver r) {
+      r(NK_STR("done"));
+      Exception::raise("Boom", "after the fact");
+    });
+    ASSERT_TRUE(p->rejected());
+    EXPECT_EQ(errorOf(p)->code(), 1);
+    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "after the fact");
+  }
+  // Waiting entries are dropped, not run, when the body raises.
+  {
+    std::optional<PRMResolver> keep;
+    bool ran = false;
+    Ref<PRMPromise> next;
+    auto p = PRMPromise::promiseWithResolver([&](PRMResolver r) {
+      keep.emplace(r);
+      next = r.promise()->thenOn(Queue::main(), [&] { ran = true; });
+      raise(NK_STR("thrown string"));
+    });
+    EXPECT_TRUE(p->rejected());
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(next->pending());
+  }
+  // Other exceptions reach the caller.
+  EXPECT_THROW(PRMPromise::promiseWithResolver([](PRMResolver) { throw std::logic_error("x"); }),
+               std::logic_error);
+}
+
+TEST(PromiseConstruction, Adapters) {
+  UnhandledCapture quiet;
+  LogCapture log;
+  auto e = someError();
+  // Object adapter: error wins, else the value (nil fulfils with nil).
+  {
+    auto v = Number::withInt(1);
+    auto ok = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, nullptr); });
+    auto bad = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, e); });
+    auto none = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(nullptr, nullptr); });
+    EXPECT_EQ(ok->value(), v);
+    EXPECT_EQ(PRMGetResult(bad.get()), e);
+    EXPECT_TRUE(none->fulfilled());
+    EXPECT_EQ(none->value(), nullptr);
+  }
+  // Integer adapter: a 64-bit number.
+  {
+    auto ok = PRMPromise::promiseWithIntegerAdapter([](PRMIntegerAdapter a) { a(42, nullptr); });
+    auto bad = PRMPromise::promiseWithIntegerAdapter([&](PRMIntegerAdapter a) { a(42, e); });
+    auto* n = cast<Number>(ok->value().get());
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->longLongValue(), 42);
+    EXPECT_EQ(n->objCType(), 'q');
+    EXPECT_EQ(PRMGetResult(bad.get()), e);
+  }
+  // Boolean adapter: the shared Boolean.
+  {
+    auto ok = PRMPromise::promiseWithBooleanAdapter([](PRMBooleanAdapter a) { a(true, nullptr); });
+    EXPECT_EQ(ok->value().get(), Number::yes());
+    auto bad = PRMPromise::promiseWithBooleanAdapter([&](PRMBooleanAdapter a) { a(true, e); });
+    EXPECT_EQ(PRMGetResult(bad.get()), e);
+  }
+  // Adapters never warn about fulfilling or rejecting; a second call does.
+  EXPECT_TRUE(log.lines().empty());
+  PRMPromise::promiseWithAdapter([&](PRMAdapter a) {
+    a(nullptr, nullptr);
+    a(nullptr, e);
+  });
+  EXPECT_EQ(log.count(kAlready), 1u);
+}
+
+TEST(PromiseConstruction, DispatchPromise) {
+  UnhandledCapture quiet;
+  // Runs on the given queue, returns at once.
+  {
+    std::atomic<bool> onMain{true};
+    auto p = dispatch_promise([&] {
+      onMain = isMainThread();
+      return 3;
+    });
+    ASSERT_TRUE(settles(p));
+    EXPECT_FALSE(onMain.load());
+    EXPECT_TRUE(isEqual(p->value(), Number::withInt(3)));
+  }
+  // A handler with a parameter receives nil; a raise rejects.
+  {
+    Id seen = NK_STR("x");
+    auto p = dispatch_promise_on(Queue::main(), [&](Id x) { seen = x; });
+    EXPECT_TRUE(p->pending());
+    ASSERT_TRUE(settles(p));
+    EXPECT_EQ(seen, nullptr);
+    auto r = dispatch_promise([]() -> Id { Exception::raise("Boom", "no"); });
+    ASSERT_TRUE(settles(r));
+    EXPECT_EQ(errorOf(r)->code(), 1);
+  }
+  // A returned pending promise is followed until it settles.
+  {
+    auto inner = deferred();
+    auto p = dispatch_promise([&] { return inner.promise; });
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_TRUE(p->pending());
+    auto e = someError();
+    (*inner.resolve)(e);
+    ASSERT_TRUE(settles(p));
+    EXPECT_EQ(PRMGetResult(p.get()), e);
+  }
+}
+
+TEST(PromiseConstruction, SharedOperationQueue) {
+  std::vector<OperationQueue*> seen(8);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back([&, i] { seen[i] = &PRMOperationQueue(); });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(std::set<OperationQueue*>(seen.begin(), seen.end()).size(), 1u);
+  EXPECT_EQ(seen[0], &PRMOperationQueue());
+  EXPECT_FALSE(PRMOperationQueue().name().empty());
+  EXPECT_EQ(PRMOperationQueue().maxConcurrentOperationCount(),
+            OperationQueue::kDefaultMaxConcurrentOperationCount);
+}
+
+}  // namespace
+}  // namespace nk

@@ -1,0 +1,318 @@
+// Tests of handler invocation: every parameter count and return kind, spreading,
+// the unsupported forms and what thrown objects become.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "nk/foundation/array.hpp"
+#include "nk/foundation/exception.hpp"
+#include "nk/foundation/number.hpp"
+#include "nk/promise/prm_call.hpp"
+#include "nk/promise/prm_error.hpp"
+#include "nk/promise/promise_test_support_internal.hpp"
+
+namespace nk {
+namespace {
+
+const char* kCountReason =
+    "Migriornop: The provided block\xE2\x80\x99s argument count is unsupported.";
+const char* kSignatureReason =
+    "Migriornop: Unsupported method signature\xE2\x80\xA6 Why not fork and fix?";
+
+// Checks `result` is the code-1 error of a failed call whose underlying exception has
+// `name` and whose description is `reason`.
+void expectCallError(const Id& result, const std::string& name, const std::string& reason) {
+  auto* e = cast<Error>(result.get());
+  ASSERT_NE(e, nullptr) << "not an error";
+  EXPECT_TRUE(e->domain()->isEqual(PRMErrorDomain()));
+  EXPECT_EQ(e->code(), 1);
+  EXPECT_EQ(e->localizedDescription()->utf8(), reason);
+  auto* thrown = cast<Exception>(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()).get());
+  ASSERT_NE(thrown, nullptr);
+  EXPECT_EQ(thrown->name()->utf8(), name);
+  EXPECT_EQ(thrown->reason()->utf8(), reason);
+}
+
+void expectNumber(const Id& result, char code, double value) {
+  auto* n = cast<Number>(result.get());
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->objCType(), code);
+  EXPECT_EQ(n->doubleValue(), value);
+}
+
+struct Big {
+  long a, b, c;
+};
+
+long plainFunction(Id) { return 9; }
+
+TEST(HandlerForms, ParametersAndSpreading) {
+  Ref<String> a = NK_STR("a"), b = NK_STR("b"), c = NK_STR("c");
+  auto three = PRMArrayWithCount(3, a, b, c);
+  // No parameters: runs, the value is dropped.
+  {
+    int calls = 0;
+    Id r = prm_safely_call_block([&] { ++calls; }, a);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(r.get(), PRMNull());
+  }
+  // One parameter gets element 0 of a spread list, or the value itself.
+  {
+    Id seen;
+    prm_safely_call_block([&](Id x) { seen = x; }, three);
+    EXPECT_EQ(seen, a);
+    prm_safely_call_block([&](Id x) { seen = x; }, b);
+    EXPECT_EQ(seen, b);
+  }
+  // Two parameters: elements 0 and 1, or the value and nil.
+  {
+    Id x1, x2 = a;
+    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, three);
+    EXPECT_EQ(x1, a);
+    EXPECT_EQ(x2, b);
+    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, c);
+    EXPECT_EQ(x1, c);
+    EXPECT_EQ(x2, nullptr);
+  }
+  // Three parameters: all three elements, or the value, nil, nil.
+  {
+    Id s[3];
+    prm_safely_call_block([&](Id x, Id y, Id z) { s[0] = x, s[1] = y, s[2] = z; }, three);
+    EXPECT_EQ(s[0], a);
+    EXPECT_EQ(s[1], b);
+    EXPECT_EQ(s[2], c);
+    prm_safely_call_block([&](Id x, Id y, Id z) { s[0] = x, s[1] = y, s[2] = z; }, a);
+    EXPECT_EQ(s[0], a);
+    EXPECT_EQ(s[1], nullptr);
+    EXPECT_EQ(s[2], nullptr);
+  }
+  // A spread list shorter than the parameters leaves the rest nil.
+  {
+    Id y = a;
+    prm_safely_call_block([&](Id, Id second) { y = second; }, PRMArrayWithCount(1, b));
+    EXPECT_EQ(y, nullptr);
+  }
+  // A plain Array is a value, not a list to spread.
+  {
+    auto plain = Array::make({a, b});
+    Id x1, x2 = a;
+    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, plain);
+    EXPECT_EQ(x1, plain);
+    EXPECT_EQ(x2, nullptr);
+  }
+  // The marker arrives as nil; an equal string of another identity arrives as itself.
+  {
+    Id seen = a;
+    prm_safely_call_block([&](Id x) { seen = x; }, Id(PRMNull()));
+    EXPECT_EQ(seen, nullptr);
+    Ref<String> lookalike = String::fromUTF8("PRMNull");
+    prm_safely_call_block([&](Id x) { seen = x; }, lookalike);
+    EXPECT_EQ(seen, lookalike);
+  }
+}
+
+TEST(HandlerForms, NarrowParameterTypes) {
+  Ref<String> text = NK_STR("t");
+  auto number = Number::withInt(3);
+  // A Ref<String> parameter receives a string as itself and any other class as nil.
+  {
+    Ref<String> seen;
+    bool called = false;
+    prm_safely_call_block([&](Ref<String> s) { seen = s, called = true; }, text);
+    EXPECT_EQ(seen, text);
+    seen = text;
+    called = false;
+    Id r = prm_safely_call_block([&](const Ref<String>& s) { seen = s, called = true; }, number);
+    EXPECT_TRUE(called);
+    EXPECT_EQ(seen, nullptr);
+    EXPECT_EQ(r.get(), PRMNull());
+  }
+  // Raw object pointers follow the same rule; subclasses pass (Boolean is a Number).
+  {
+    const Number* n = nullptr;
+    prm_safely_call_block([&](const Number* x) { n = x; }, Id(Number::yes()));
+    EXPECT_EQ(n, Number::yes());
+    prm_safely_call_block([&](const Number* x) { n = x; }, text);
+    EXPECT_EQ(n, nullptr);
+  }
+  // Spread elements are converted one by one.
+  {
+    Ref<String> s;
+    Ref<Number> m;
+    prm_safely_call_block([&](Ref<String> x, Ref<Number> y) { s = x, m = y; },
+                          PRMArrayWithCount(2, text, number));
+    EXPECT_EQ(s, text);
+    EXPECT_EQ(m, number);
+  }
+}
+
+TEST(HandlerForms, CallableKinds) {
+  // Function pointers, std::function, generic and mutable lambdas are all handlers.
+  expectNumber(prm_safely_call_block(&plainFunction, nullptr), 'l', 9);
+  std::function<int(Id)> f = [](Id x) { return x ? 1 : 2; };
+  expectNumber(prm_safely_call_block(f, nullptr), 'i', 2);
+  Id seen;
+  prm_safely_call_block([&](auto x, auto y) { seen = y ? y : x; },
+                        PRMArrayWithCount(2, nullptr, Id(PRMNull())));
+  EXPECT_EQ(seen.get(), PRMNull());
+  int counter = 0;
+  auto counting = [counter]() mutable { return ++counter; };
+  expectNumber(prm_safely_call_block(counting, nullptr), 'i', 1);
+  expectNumber(prm_safely_call_block(counting, nullptr), 'i', 2);
+}
+
+TEST(HandlerForms, ReturnKindsAreBoxedWithTheirTypeCodes) {
+  // Nothing, a nil object, a null text pointer and void* all give the marker.
+  EXPECT_EQ(prm_safely_call_block([] {}, nullptr).get(), PRMNull());
+  EXPECT_EQ(prm_safely_call_block([]() -> Id { return nullptr; }, nullptr).get(), PRMNull());
+  EXPECT_EQ(prm_safely_call_block([]() -> Ref<String> { return nullptr; }, nullptr).get(),
+            PRMNull());
+  EXPECT_EQ(prm_safely_call_block([]() -> const char* { return nullptr; }, nullptr).get(),
+            PRMNull());
+  static int target = 0;
+  EXPECT_EQ(prm_safely_call_block([]() -> void* { return &target; }, nullptr).get(), PRMNull());
+  // Objects come back as themselves; text as a string.
+  auto n = Number::withInt(1);
+  EXPECT_EQ(prm_safely_call_block([&] { return n; }, nullptr), n);
+  Id text = prm_safely_call_block([] { return "h\xC3\xA9"; }, nullptr);
+  auto* s = cast<String>(text.get());
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->utf8(), "h\xC3\xA9");
+  // Every arithmetic type keeps its code.
+  expectNumber(prm_safely_call_block([] { return 'A'; }, nullptr), 'c', 65);
+  expectNumber(prm_safely_call_block([] { return static_cast<signed char>(-3); }, nullptr), 'c',
+               -3);
+  expectNumber(prm_safely_call_block([] { return static_cast<unsigned char>(200); }, nullptr), 'C',
+               200);
+  expectNumber(prm_safely_call_block([] { return static_cast<short>(-300); }, nullptr), 's', -300);
+  expectNumber(prm_safely_call_block([] { return static_cast<unsigned short>(60000); }, nullptr),
+               'S', 60000);
+  expectNumber(prm_safely_call_block([] { return -70000; }, nullptr), 'i', -70000);
+  expectNumber(prm_safely_call_block([] { return 4000000000u; }, nullptr), 'I', 4000000000.0);
+  expectNumber(prm_safely_call_block([] { return -5L; }, nullptr), 'l', -5);
+  expectNumber(prm_safely_call_block([] { return 5UL; }, nullptr), 'L', 5);
+  expectNumber(prm_safely_call_block([] { return -6LL; }, nullptr), 'q', -6);
+  expectNumber(prm_safely_call_block([] { return 6ULL; }, nullptr), 'Q', 6);
+  expectNumber(prm_safely_call_block([] { return 0.5f; }, nullptr), 'f', 0.5);
+  expectNumber(prm_safely_call_block([] { return 0.25; }, nullptr), 'd', 0.25);
+  Id yes = prm_safely_call_block([] { return true; }, nullptr);
+  EXPECT_EQ(yes.get(), Number::yes());
+  expectNumber(yes, 'B', 1);
+}
+
+TEST(HandlerForms, UnsupportedFormsFailWhenCalled) {
+  bool called = false;
+  // Four or five parameters: the count error, and the handler is not called.
+  expectCallError(prm_safely_call_block([&](Id, Id, Id, Id) { called = true; }, nullptr),
+                  "NSInvalidArgumentException", kCountReason);
+  expectCallError(prm_safely_call_block([&](Id, Id, Id, Id, Id) { called = true; }, nullptr),
+                  "NSInvalidArgumentException", kCountReason);
+  // Return types outside the table: the signature error.
+  static int target = 0;
+  expectCallError(prm_safely_call_block(
+                      [&]() -> int* {
+                        called = true;
+                        return &target;
+                      },
+                      nullptr),
+                  "Migriornop", kSignatureReason);
+  expectCallError(prm_safely_call_block(
+                      [&] {
+                        called = true;
+                        return std::string("x");
+                      },
+                      nullptr),
+                  "Migriornop", kSignatureReason);
+  expectCallError(prm_safely_call_block(
+                      [&] {
+                        called = true;
+                        return Big{1, 2, 3};
+                      },
+                      nullptr),
+                  "Migriornop", kSignatureReason);
+  // The return type is judged before the count.
+  expectCallError(prm_safely_call_block(
+                      [&](Id, Id, Id, Id) {
+                        called = true;
+                        return std::string();
+                      },
+                      nullptr),
+                  "Migriornop", kSignatureReason);
+  // A parameter that cannot hold an object.
+  expectCallError(prm_safely_call_block([&](int) { called = true; }, nullptr), "Migriornop",
+                  kSignatureReason);
+  EXPECT_FALSE(called);
+}
+
+TEST(HandlerForms, ThrownObjectsBecomeErrors) {
+  // An Exception: its reason is the description.
+  {
+    Id r = prm_safely_call_block([]() -> Id { Exception::raise("Boom", "it broke"); }, nullptr);
+    expectCallError(r, "Boom", "it broke");
+  }
+  // A plain string: the description is the string, the string is kept.
+  {
+    Ref<String> s = String::fromUTF8("plain text");
+    Id r = prm_safely_call_block([&] { raise(s); }, nullptr);
+    auto* e = cast<Error>(r.get());
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->code(), 1);
+    EXPECT_EQ(e->localizedDescription()->utf8(), "plain text");
+    EXPECT_EQ(e->userInfo()->objectForKey(PRMThrown()), s);
+  }
+  // A thrown error is wrapped, not passed through.
+  {
+    auto inner = Error::make(NK_STR("Inner"), 5);
+    Id r = prm_safely_call_block([&] { raise(inner); }, nullptr);
+    auto* e = cast<Error>(r.get());
+    ASSERT_NE(e, nullptr);
+    EXPECT_NE(e, inner.get());
+    EXPECT_EQ(e->code(), 1);
+    EXPECT_EQ(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), inner);
+  }
+  // A returned error is returned as it is.
+  {
+    auto own = Error::make(NK_STR("Own"), 2);
+    EXPECT_EQ(prm_safely_call_block([&] { return own; }, nullptr), own);
+  }
+  // Other C++ exceptions pass through.
+  EXPECT_THROW(prm_safely_call_block([] { throw std::runtime_error("x"); }, nullptr),
+               std::runtime_error);
+}
+
+TEST(HandlerForms, ErrorFromException) {
+  promise_test::LogCapture log;
+  // Nothing to convert: code 3 without user information, and a warning.
+  {
+    auto e = NSErrorFromException(nullptr);
+    EXPECT_TRUE(e->domain()->isEqual(PRMErrorDomain()));
+    EXPECT_EQ(e->code(), 3);
+    EXPECT_EQ(e->userInfo(), nullptr);
+    EXPECT_EQ(log.count("Migriornop: Warning: Promise rejected with nil"), 1u);
+  }
+  // An exception without a reason keeps only the thrown object.
+  {
+    auto ex = nk::make<Exception>(NK_STR("N"), nullptr, nullptr);
+    auto e = NSErrorFromException(ex);
+    EXPECT_EQ(e->code(), 1);
+    EXPECT_EQ(e->userInfo()->count(), 1u);
+    EXPECT_EQ(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), ex);
+  }
+  EXPECT_EQ(PRMThrown()->utf8(), "PRMUnderlyingExceptionKey");
+  EXPECT_EQ(PRMErrorDomain()->utf8(), "PRMErrorDomain");
+  EXPECT_EQ(PRMFailingPromiseIndexKey()->utf8(), "PRMFailingPromiseIndexKey");
+}
+
+TEST(HandlerFormsDeathTest, AbsentHandlerAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  void (*absent)(Id) = nullptr;
+  EXPECT_DEATH(prm_safely_call_block(absent, nullptr),
+               "PRMPromise:106: prm_safely_call_block: Assertion `frock' failed");
+  std::function<void()> empty;
+  EXPECT_DEATH(prm_safely_call_block(empty, nullptr), "Assertion `frock' failed");
+}
+
+}  // namespace
+}  // namespace nk

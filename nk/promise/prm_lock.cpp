@@ -1,0 +1,49 @@
+// PRMLock: the paths that wait for the lock word or wake its sleepers.
+#include "nk/promise/prm_lock.hpp"
+
+#include <climits>
+
+#include "nk/dispatch/futex_internal.hpp"
+
+namespace nk::promise_internal {
+
+void PRMLock::lockSlow() noexcept {
+  for (;;) {
+    uint32_t v = word_.load(std::memory_order_relaxed);
+    if ((v & ~kSleepers) == 0) {
+      // Free: take it, keeping the sleeper bit, since others may still sleep.
+      if (word_.compare_exchange_weak(v, v | kWriter, std::memory_order_acquire,
+                                      std::memory_order_relaxed)) {
+        return;
+      }
+      continue;
+    }
+    if (!(v & kSleepers) &&
+        !word_.compare_exchange_weak(v, v | kSleepers, std::memory_order_relaxed)) {
+      continue;
+    }
+    dispatch_internal::futexWait(&word_, v | kSleepers);
+  }
+}
+
+void PRMLock::lockSharedSlow() noexcept {
+  for (;;) {
+    uint32_t v = word_.load(std::memory_order_relaxed);
+    if (!(v & kWriter)) {
+      if (word_.compare_exchange_weak(v, v + 1, std::memory_order_acquire,
+                                      std::memory_order_relaxed)) {
+        return;
+      }
+      continue;
+    }
+    if (!(v & kSleepers) &&
+        !word_.compare_exchange_weak(v, v | kSleepers, std::memory_order_relaxed)) {
+      continue;
+    }
+    dispatch_internal::futexWait(&word_, v | kSleepers);
+  }
+}
+
+void PRMLock::wakeAll() noexcept { dispatch_internal::futexWake(&word_, INT_MAX); }
+
+}  // namespace nk::promise_internal

@@ -1,0 +1,432 @@
+// Tests of the promise object: the state table, settling and adoption, the
+// description, PRMArray and the lock word.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "nk/foundation/exception.hpp"
+#include "nk/foundation/number.hpp"
+#include "nk/promise/promise.hpp"
+#include "nk/promise/promise_test_support_internal.hpp"
+
+namespace nk {
+namespace {
+
+using promise_test::LogCapture;
+using promise_test::UnhandledCapture;
+
+Ref<PRMPromise> pendingPromise() {
+  return PRMPromise::promiseWithResolver([](PRMResolver) {});
+}
+
+Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+
+struct State {
+  bool pending, resolved, fulfilled, rejected;
+};
+State stateOf(const Ref<PRMPromise>& p) {
+  return {p->pending(), p->resolved(), p->fulfilled(), p->rejected()};
+}
+#define EXPECT_STATE(p, pe, rs, fu, rj)         \
+  do {                                          \
+    State s_ = stateOf(p);                      \
+    EXPECT_EQ(s_.pending, pe) << "pending";     \
+    EXPECT_EQ(s_.resolved, rs) << "resolved";   \
+    EXPECT_EQ(s_.fulfilled, fu) << "fulfilled"; \
+    EXPECT_EQ(s_.rejected, rj) << "rejected";   \
+  } while (0)
+
+TEST(PromiseState, EveryRowOfTheSlot) {
+  UnhandledCapture quiet;
+  // Nil: pending.
+  {
+    auto p = pendingPromise();
+    EXPECT_STATE(p, true, false, false, false);
+    EXPECT_EQ(p->value(), nullptr);
+    EXPECT_EQ(PRMGetResult(p.get()), nullptr);
+  }
+  // An error: rejected, and the value is the error itself.
+  {
+    auto e = someError();
+    auto p = PRMPromise::promiseWithValue(e);
+    EXPECT_STATE(p, false, true, false, true);
+    EXPECT_EQ(p->value(), e);
+  }
+  // PRMNull: fulfilled with nothing.
+  {
+    auto p = PRMPromise::promiseWithValue(nullptr);
+    EXPECT_STATE(p, false, true, true, false);
+    EXPECT_EQ(p->value(), nullptr);
+    EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
+  }
+  // A PRMArray: fulfilled, the value is element 0.
+  {
+    Ref<String> a = NK_STR("a");
+    auto p = PRMPromise::promiseWithValue(PRMArrayWithCount(2, a, NK_STR("b")));
+    EXPECT_STATE(p, false, true, true, false);
+    EXPECT_EQ(p->value(), a);
+  }
+  // Any other object: fulfilled with it.
+  {
+    auto n = Number::withInt(5);
+    auto p = PRMPromise::promiseWithValue(n);
+    EXPECT_STATE(p, false, true, true, false);
+    EXPECT_EQ(p->value(), n);
+  }
+  // A slot holding a pending promise: pending and resolved at once.
+  {
+    auto inner = pendingPromise();
+    auto p = PRMPromise::promiseWithValue(inner);
+    EXPECT_STATE(p, true, true, true, false);
+    EXPECT_EQ(p->value(), nullptr);
+    EXPECT_EQ(PRMGetResult(p.get()), inner);
+  }
+  // A slot holding a rejected promise: fulfilled, not rejected; value looks through.
+  {
+    auto e = someError();
+    auto p = PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e));
+    EXPECT_STATE(p, false, true, true, false);
+    EXPECT_EQ(p->value(), e);
+  }
+  // A slot holding a fulfilled promise: its value shows through.
+  {
+    Ref<String> x = NK_STR("x");
+    auto p = PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(x));
+    EXPECT_STATE(p, false, true, true, false);
+    EXPECT_EQ(p->value(), x);
+  }
+}
+
+TEST(PromiseState, NullMarkerByIdentity) {
+  // The marker is the constant "PRMNull" and stays one object.
+  EXPECT_EQ(PRMNull(), PRMNull());
+  EXPECT_EQ(PRMNull()->utf8(), "PRMNull");
+  // An equal string of another identity is an ordinary value.
+  Ref<String> lookalike = String::fromUTF8("PRMNull");
+  ASSERT_NE(lookalike.get(), PRMNull());
+  auto p = PRMPromise::promiseWithValue(lookalike);
+  EXPECT_EQ(p->value(), lookalike);
+  EXPECT_EQ(PRMSanitizeResult(lookalike), lookalike);
+  EXPECT_EQ(PRMSanitizeResult(nullptr).get(), PRMNull());
+}
+
+TEST(PromiseState, Description) {
+  UnhandledCapture quiet;
+  // Pending with waiting entries counts them.
+  {
+    auto p = pendingPromise();
+    EXPECT_EQ(p->description()->utf8(), "Promise: 0 pending handlers");
+    auto q = Queue::serial("prm.test.description");
+    for (int i = 0; i < 3; ++i) p->thenOn(q, [] {});
+    EXPECT_EQ(p->description()->utf8(), "Promise: 3 pending handlers");
+  }
+  // Rejected: the error's own description.
+  {
+    auto e = someError(4);
+    auto p = PRMPromise::promiseWithValue(e);
+    EXPECT_EQ(p->description()->utf8(), "Promise: rejected: " + e->description()->utf8());
+  }
+  // Fulfilled with nothing prints the marker's text; a value prints its description.
+  {
+    EXPECT_EQ(PRMPromise::promiseWithValue(nullptr)->description()->utf8(),
+              "Promise: fulfilled: PRMNull");
+    EXPECT_EQ(PRMPromise::promiseWithValue(Number::withInt(12))->description()->utf8(),
+              "Promise: fulfilled: 12");
+  }
+  // A slot holding a pending promise: the pending format, counting its own list (none).
+  {
+    auto inner = pendingPromise();
+    inner->thenOn(Queue::serial("prm.test.description2"), [] {});
+    auto p = PRMPromise::promiseWithValue(inner);
+    EXPECT_EQ(p->description()->utf8(), "Promise: 0 pending handlers");
+  }
+  // A slot holding a rejected promise: fulfilled around the inner description.
+  {
+    auto e = someError(9);
+    auto inner = PRMPromise::promiseWithValue(e);
+    auto p = PRMPromise::promiseWithValue(inner);
+    EXPECT_EQ(p->description()->utf8(),
+              "Promise: fulfilled: Promise: rejected: " + e->description()->utf8());
+  }
+}
+
+TEST(PromiseState, InitRaises) {
+  try {
+    PRMPromise::init();
+    FAIL() << "init returned";
+  } catch (const ThrownObject& thrown) {
+    auto* e = cast<Exception>(thrown.object().get());
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->name()->utf8(), "Migriornop");
+    EXPECT_EQ(e->reason()->utf8(), "Migriornop: init is not a valid initializer for PRMPromise");
+    EXPECT_EQ(e->userInfo(), nullptr);
+  }
+}
+
+// Registers a raw waiting entry that records what it receives, through the
+// registration primitive.
+struct Recorder {
+  std::mutex lock;
+  std::vector<std::pair<int, Id>> calls;
+  std::vector<std::thread::id> threads;
+};
+void watch(const Ref<PRMPromise>& p, Recorder& rec, int tag) {
+  auto chain = p->resolvedPending(
+      [](const Id&) { return [](const Queue&, auto) -> Ref<PRMPromise> { return nullptr; }; },
+      [&rec, tag](const Id& value, const Ref<PRMPromise>&, const Queue&, auto, PRMResolver) {
+        std::lock_guard<std::mutex> g(rec.lock);
+        rec.calls.emplace_back(tag, value);
+        rec.threads.push_back(std::this_thread::get_id());
+      });
+  chain(Queue::global(), 0);
+}
+
+TEST(PromiseSettling, HandlersRunOnceInOrderOnTheSettlingThread) {
+  auto p = pendingPromise();
+  Recorder rec;
+  for (int i = 0; i < 3; ++i) watch(p, rec, i);
+  std::thread::id settler;
+  Ref<String> v = NK_STR("v"), w = NK_STR("w");
+  std::thread t([&] {
+    settler = std::this_thread::get_id();
+    PRMResolve(p.get(), v);
+  });
+  t.join();
+  ASSERT_EQ(rec.calls.size(), 3u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(rec.calls[i].first, i);
+    EXPECT_EQ(rec.calls[i].second, v);
+    EXPECT_EQ(rec.threads[i], settler);
+  }
+  // Settling again changes the slot but runs nothing.
+  PRMResolve(p.get(), w);
+  EXPECT_EQ(rec.calls.size(), 3u);
+  EXPECT_EQ(p->value(), w);
+}
+
+TEST(PromiseSettling, ResolvedPendingTakesTheResolvedPathOnceSettled) {
+  UnhandledCapture quiet;
+  auto e = Error::make(NK_STR("TestDomain"), 1);
+  auto settled = PRMPromise::promiseWithValue(e);
+  Id slotSeen;
+  bool pendingCalled = false;
+  auto marker = PRMPromise::promiseWithValue(nullptr);
+  auto chain = settled->resolvedPending(
+      [&](const Id& slot) {
+        slotSeen = slot;
+        return [&](const Queue&, auto) { return marker; };
+      },
+      [&](const Id&, const Ref<PRMPromise>&, const Queue&, auto, PRMResolver) {
+        pendingCalled = true;
+      });
+  // The resolved callable gets the raw slot and its chain callable's result is returned.
+  EXPECT_EQ(chain(Queue::global(), 0), marker);
+  EXPECT_EQ(slotSeen, e);
+  EXPECT_FALSE(pendingCalled);
+  // While pending, the next promise is new and settled through resolveNext.
+  auto d = promise_test::deferred();
+  auto pendingChain = d.promise->resolvedPending(
+      [&](const Id&) { return [&](const Queue&, auto) { return marker; }; },
+      [&](const Id& value, const Ref<PRMPromise>&, const Queue&, auto, PRMResolver resolveNext) {
+        resolveNext(value);
+      });
+  auto next = pendingChain(Queue::global(), 0);
+  EXPECT_NE(next, marker);
+  EXPECT_TRUE(next->pending());
+  Ref<String> v = NK_STR("v");
+  (*d.resolve)(v);
+  EXPECT_EQ(next->value(), v);
+}
+
+TEST(PromiseSettling, NilReachesHandlersWhileTheSlotHoldsTheMarker) {
+  auto p = pendingPromise();
+  Recorder rec;
+  watch(p, rec, 0);
+  PRMResolve(p.get(), nullptr);
+  ASSERT_EQ(rec.calls.size(), 1u);
+  EXPECT_EQ(rec.calls[0].second, nullptr);
+  EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
+  EXPECT_TRUE(p->fulfilled());
+}
+
+TEST(PromiseSettling, SetResultOverwritesAndReturnsTheWaitingList) {
+  UnhandledCapture quiet;
+  auto p = pendingPromise();
+  Recorder rec;
+  watch(p, rec, 0);
+  watch(p, rec, 1);
+  {
+    PRMHandlerList first = PRMSetResult(p.get(), NK_STR("a"));
+    EXPECT_TRUE(first.present());
+    EXPECT_EQ(first.size(), 2u);
+    // Dropped unrun here.
+  }
+  PRMHandlerList second = PRMSetResult(p.get(), someError());
+  EXPECT_FALSE(second.present());
+  EXPECT_EQ(second.size(), 0u);
+  EXPECT_TRUE(p->rejected());
+  EXPECT_TRUE(rec.calls.empty());
+  // A promise born settled never had a list.
+  EXPECT_FALSE(PRMSetResult(PRMPromise::promiseWithValue(nullptr).get(), nullptr).present());
+}
+
+TEST(PromiseAdoption, FollowsThePromiseGivenAsValue) {
+  UnhandledCapture quiet;
+  // Adopting a settled promise takes its raw content: the identical error.
+  {
+    auto e = someError();
+    auto p = pendingPromise();
+    PRMResolve(p.get(), PRMPromise::promiseWithValue(e));
+    EXPECT_TRUE(p->rejected());
+    EXPECT_EQ(PRMGetResult(p.get()), e);
+  }
+  // The marker passes as the marker.
+  {
+    auto p = pendingPromise();
+    PRMResolve(p.get(), PRMPromise::promiseWithValue(nullptr));
+    EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
+  }
+  // Recursive: a waits on b, b on c; c settling settles all of them, link by link.
+  {
+    auto a = pendingPromise(), b = pendingPromise(), c = pendingPromise();
+    PRMResolve(a.get(), b);
+    PRMResolve(b.get(), c);
+    EXPECT_TRUE(a->pending());
+    EXPECT_TRUE(b->pending());
+    Recorder rec;
+    watch(a, rec, 0);
+    PRMResolve(c.get(), Number::withInt(3));
+    EXPECT_TRUE(a->fulfilled());
+    EXPECT_TRUE(b->fulfilled());
+    EXPECT_TRUE(isEqual(a->value(), Number::withInt(3)));
+    ASSERT_EQ(rec.calls.size(), 1u);
+    EXPECT_TRUE(isEqual(rec.calls[0].second, Number::withInt(3)));
+  }
+  // Adopting a promise whose slot holds a promise stores that inner promise.
+  {
+    auto inner = pendingPromise();
+    auto holder = PRMPromise::promiseWithValue(inner);
+    auto p = pendingPromise();
+    PRMResolve(p.get(), holder);
+    EXPECT_EQ(PRMGetResult(p.get()), inner);
+    EXPECT_TRUE(p->pending());
+    EXPECT_TRUE(p->resolved());
+  }
+}
+
+TEST(PromiseAdoption, SelfAdoptionStaysPendingWithoutBlocking) {
+  auto p = pendingPromise();
+  PRMResolve(p.get(), p);  // returns: it does not wait on itself
+  EXPECT_TRUE(p->pending());
+  EXPECT_EQ(p->description()->utf8(), "Promise: 1 pending handlers");
+}
+
+TEST(PRMArrayList, ReadsNeverRaise) {
+  // A count of 2 answers nil at index 2 although a third slot exists.
+  {
+    Ref<String> b = NK_STR("b");
+    auto a = PRMArrayWithCount(2, NK_STR("a"), b, NK_STR("c"));
+    EXPECT_EQ(a->count(), 2u);
+    EXPECT_EQ((*a)[1], b);
+    EXPECT_EQ((*a)[2], nullptr);
+    EXPECT_EQ(a->objectAtIndexedSubscript(1000), nullptr);
+  }
+  // A nil element is counted.
+  {
+    Ref<String> c = NK_STR("c");
+    auto a = PRMArrayWithCount(3, NK_STR("a"), nullptr, c);
+    EXPECT_EQ(a->count(), 3u);
+    EXPECT_EQ((*a)[1], nullptr);
+    EXPECT_EQ((*a)[2], c);
+  }
+  // A count above the capacity keeps three.
+  EXPECT_EQ(PRMArrayWithCount(7, NK_STR("a"))->count(), 3u);
+}
+
+TEST(PromiseLock, ReadsOverlapWritesExclude) {
+  promise_internal::PRMLock lock;
+  // Two readers inside at once.
+  {
+    lock.lockShared();
+    std::atomic<bool> second{false};
+    std::thread t([&] {
+      lock.lockShared();
+      second = true;
+      lock.unlockShared();
+    });
+    t.join();
+    EXPECT_TRUE(second.load());
+    lock.unlockShared();
+  }
+  // A writer waits for the reader; a reader waits for the writer.
+  {
+    lock.lockShared();
+    std::atomic<int> stage{0};
+    std::thread writer([&] {
+      lock.lock();
+      stage = 1;
+      lock.unlock();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(stage.load(), 0);
+    lock.unlockShared();
+    writer.join();
+    EXPECT_EQ(stage.load(), 1);
+
+    lock.lock();
+    std::thread reader([&] {
+      lock.lockShared();
+      stage = 2;
+      lock.unlockShared();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(stage.load(), 1);
+    lock.unlock();
+    reader.join();
+    EXPECT_EQ(stage.load(), 2);
+  }
+  // Many threads incrementing under the write lock lose nothing.
+  {
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < 20000; ++i) {
+          promise_internal::PRMWriteGuard g(lock);
+          ++counter;
+        }
+      });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(counter, 8 * 20000);
+  }
+  EXPECT_EQ(sizeof(promise_internal::PRMLock), 4u);
+}
+
+TEST(PromiseLifetime, LongPendingChainIsFreedWithoutDeepRecursion) {
+  // Each link owns the next through its waiting entry; dropping the root frees
+  // them all.
+  auto root = pendingPromise();
+  auto q = Queue::serial("prm.test.long");
+  auto sentinel = std::make_shared<int>(0);
+  {
+    Ref<PRMPromise> tail = root;
+    for (int i = 0; i < 300000; ++i) tail = tail->thenOn(q, [] {});
+    tail->thenOn(q, [sentinel] {});
+    EXPECT_TRUE(tail->pending());
+  }
+  EXPECT_EQ(sentinel.use_count(), 2);
+  root = nullptr;  // would overflow the stack if freed link by link recursively
+  EXPECT_EQ(sentinel.use_count(), 1);
+}
+
+TEST(PromiseLayout, PendingPromiseFitsInOneSmallBlock) {
+  // The memory budget of a pending promise without handlers.
+  EXPECT_LE(sizeof(PRMPromise), 48u);
+}
+
+}  // namespace
+}  // namespace nk
