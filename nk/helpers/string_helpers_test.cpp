@@ -1,0 +1,286 @@
+// Tests of the string helpers: trimming and blank tests, identifiers,
+// comparisons, host classes and the splitter, with hostile input.
+
+#include "nk/helpers/string_helpers.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace nk {
+namespace {
+
+Ref<String> S(std::u16string_view units) { return String::withCharacters(units); }
+Ref<String> S(std::string_view utf8) { return String::fromUTF8(utf8); }
+
+// The components as UTF-16 texts, for one-line comparisons.
+std::vector<std::u16string> units(const Ref<Array>& array) {
+  std::vector<std::u16string> out;
+  for (const Id& e : *array) out.push_back(cast<String>(e)->toUTF16());
+  return out;
+}
+
+Ref<Array> split(std::u16string_view s, std::u16string_view sep, bool remove) {
+  return vnk_getComponentsSeparatedByStringRemoveEmptyEntries(S(s).get(), S(sep).get(), remove);
+}
+
+TEST(StringTrim, ObjectReplacementAndBlanks) {
+  // U+FFFC goes first, everywhere, so the space before it becomes trailing.
+  EXPECT_EQ(vnk_trim(S(u"\uFFFC  a b \uFFFC\n").get())->toUTF16(), u"a b");
+  EXPECT_EQ(vnk_trim(S(u"a\uFFFCb").get())->toUTF16(), u"ab");
+  EXPECT_EQ(vnk_trim(S(u"x \uFFFC").get())->toUTF16(), u"x");
+  // Inner blanks stay; every blank class member at the ends goes.
+  EXPECT_EQ(
+      vnk_trim(S(u"\t\r\n\u0085\u2028\u2029\u00A0\u3000a \n b\u000B\u000C ").get())->toUTF16(),
+      u"a \n b");
+  EXPECT_EQ(vnk_trim(S(u" \t\n\uFFFC ").get())->length(), 0u);
+  EXPECT_EQ(vnk_trim(String::empty())->length(), 0u);
+  // Latin-1 storage takes the same path: NO-BREAK SPACE is Zs.
+  EXPECT_EQ(vnk_trim(String::fromLatin1("\xA0 caf\xE9\t").get())->utf8(), "caf\xC3\xA9");
+  // Not blanks: zero-width space, BOM, NUL.
+  EXPECT_EQ(vnk_trim(S(u"\u200Bx\uFEFF").get())->toUTF16(), u"\u200Bx\uFEFF");
+  EXPECT_EQ(vnk_trim(S(std::u16string_view(u" \0x\0 ", 5)).get())->toUTF16(),
+            std::u16string(u"\0x\0", 3));
+  EXPECT_EQ(vnk_trim(nullptr), nullptr);
+}
+
+TEST(StringTrim, NonBMPAndSurrogates) {
+  // A character beyond the BMP at either end is kept whole.
+  EXPECT_EQ(vnk_trim(S(u" \U0001F600 ").get())->toUTF16(), u"\U0001F600");
+  EXPECT_EQ(vnk_trim(S(u"\U0001F600\uFFFC\n").get())->toUTF16(), u"\U0001F600");
+  EXPECT_EQ(vnk_trim(S(u"\n\U00020000a\U00020000\t").get())->toUTF16(), u"\U00020000a\U00020000");
+  // Unpaired surrogates are not blanks and survive unchanged.
+  EXPECT_EQ(vnk_trim(S(u" \xD800 \xDC00 ").get())->toUTF16(), u"\xD800 \xDC00");
+}
+
+TEST(StringTrim, ResultIsImmutableAndIndependent) {
+  // A mutable receiver that needs no trimming still gives an immutable snapshot.
+  auto m = make<MutableString>(NK_STR("abc"));
+  Ref<String> t = vnk_trim(m.get());
+  EXPECT_FALSE(t->isKindOfClass(MutableString::staticClass()));
+  m->appendUTF8("def");
+  EXPECT_EQ(t->utf8(), "abc");
+  // An immutable receiver that needs nothing comes back as itself.
+  Ref<String> same = S("abc");
+  EXPECT_EQ(vnk_trim(same.get()), same);
+}
+
+TEST(StringNullOrEmpty, BlankClasses) {
+  EXPECT_TRUE(vnk_nullOrEmpty(nullptr));
+  for (std::u16string_view blank :
+       {std::u16string_view(u""), std::u16string_view(u"   "), std::u16string_view(u"\n\t"),
+        std::u16string_view(u"\uFFFC"), std::u16string_view(u"\u3000\uFFFC\u2029")}) {
+    EXPECT_TRUE(vnk_nullOrEmpty(S(blank).get())) << S(blank)->utf8();
+  }
+  for (std::u16string_view text : {std::u16string_view(u" x "), std::u16string_view(u"\u200B"),
+                                   std::u16string_view(u"\xD800"), std::u16string_view(u"\0", 1)}) {
+    EXPECT_FALSE(vnk_nullOrEmpty(S(text).get())) << S(text)->utf8();
+  }
+  EXPECT_TRUE(vnk_nullOrEmpty(String::fromLatin1("\xA0 \t").get()));
+  EXPECT_FALSE(vnk_nullOrEmpty(String::fromLatin1("\xA0 .").get()));
+}
+
+TEST(StringUUID, FormAndCase) {
+  auto checkForm = [](const Ref<String>& s, bool lower) {
+    const std::string t = s->utf8();
+    ASSERT_EQ(t.size(), 36u) << t;
+    for (size_t i = 0; i < t.size(); ++i) {
+      if (i == 8 || i == 13 || i == 18 || i == 23) {
+        EXPECT_EQ(t[i], '-') << t;
+      } else {
+        EXPECT_TRUE(std::isxdigit(static_cast<unsigned char>(t[i]))) << t;
+        EXPECT_FALSE(lower ? std::isupper(static_cast<unsigned char>(t[i]))
+                           : std::islower(static_cast<unsigned char>(t[i])))
+            << t;
+      }
+    }
+    EXPECT_EQ(t[14], '4') << t;  // version 4
+  };
+  checkForm(vnk_UUID(), true);
+  checkForm(vnk_UUID(true), true);
+  checkForm(vnk_UUID(false), false);
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) seen.insert(vnk_UUID()->utf8());
+  EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(StringEquivalence, NilAndEmpty) {
+  const Ref<String> empty = S(""), a = S("a"), a2 = S("a"), upper = S("A");
+  EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, empty.get()));
+  EXPECT_TRUE(vnk_isStringEquivalentToString(empty.get(), nullptr));
+  EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, nullptr));
+  EXPECT_TRUE(vnk_isStringEquivalentToString(a.get(), a2.get()));
+  EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), upper.get()));
+  EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), nullptr));
+  EXPECT_FALSE(vnk_isStringEquivalentToString(nullptr, a.get()));
+  // No normalisation: precomposed and decomposed e-acute differ.
+  EXPECT_FALSE(vnk_isStringEquivalentToString(S(u"\u00E9").get(), S(u"e\u0301").get()));
+  // Storage does not matter: Latin-1 against UTF-16 of the same units.
+  EXPECT_TRUE(vnk_isStringEquivalentToString(String::fromLatin1("\xE9").get(), S(u"\u00E9").get()));
+}
+
+TEST(StringDeletePrefix, OnceExactly) {
+  const Ref<String> s = S("abcabc");
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abc").get())->utf8(), "abc");
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("x").get()), s);
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("").get()), s);
+  EXPECT_EQ(vnk_deletePrefix(s.get(), nullptr), s);
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabc").get())->length(), 0u);
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("ABC").get()), s);
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabcd").get()), s);
+  EXPECT_EQ(vnk_deletePrefix(nullptr, S("a").get()), nullptr);
+  // A prefix ending in half a surrogate pair cuts by code units.
+  EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
+}
+
+TEST(StringContains, CaseAndDiacritics) {
+  EXPECT_TRUE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resume").get()));
+  EXPECT_TRUE(
+      vnk_containsCaseAndDiacriticInsensitive(S("Le RÉSUMÉ final").get(), S("résumé").get()));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("").get()));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), nullptr));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resumes").get()));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(nullptr, S("a").get()));
+}
+
+TEST(StringStartsWithNumeric, EveryScriptsDigits) {
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S("").get()));
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S(" 1").get()));
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S("+1").get()));
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S("-1").get()));
+  EXPECT_TRUE(vnk_startsWithNumericCharacter(S("1a").get()));
+  EXPECT_TRUE(vnk_startsWithNumericCharacter(S(u"\u0663").get()));   // Arabic-Indic three
+  EXPECT_TRUE(vnk_startsWithNumericCharacter(S(u"\u0969x").get()));  // Devanagari three
+  EXPECT_TRUE(vnk_startsWithNumericCharacter(S(u"\uFF17").get()));   // fullwidth seven
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S(u"\u00B2").get()));  // superscript: No, not Nd
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S(u"\u2167").get()));  // Roman numeral: Nl
+  // Only the first code unit is read: a digit beyond the BMP starts with a surrogate.
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(S(u"\U0001D7CE").get()));
+  EXPECT_FALSE(vnk_startsWithNumericCharacter(nullptr));
+}
+
+TEST(StringSymbolicLinkId, LowerCasedPrefix) {
+  for (const char* yes : {"for", "FOR123", "fortune", "FoRxyz"}) {
+    EXPECT_TRUE(vnk_isSymbolicLinkId(S(yes).get())) << yes;
+  }
+  for (const char* no : {"fo", " for", "", "f0r", "afor"}) {
+    EXPECT_FALSE(vnk_isSymbolicLinkId(S(no).get())) << no;
+  }
+  EXPECT_FALSE(vnk_isSymbolicLinkId(nullptr));
+}
+
+TEST(StringHosts, DefaultsAndConfiguration) {
+  const HostSuffixes staging = stagingHostSuffixes();
+  const HostSuffixes testing = testingHostSuffixes();
+  // Each default matches anywhere in the host, in any case, and only its own class.
+  for (const std::string& suffix : staging) {
+    ASSERT_FALSE(suffix.empty());
+    EXPECT_TRUE(vnk_isStaging(S("FILES." + suffix).get())) << suffix;
+    EXPECT_TRUE(vnk_isStaging(S("x." + suffix + ":443/path").get())) << suffix;
+    EXPECT_FALSE(vnk_isTesting(S("files." + suffix).get())) << suffix;
+  }
+  for (const std::string& suffix : testing) {
+    ASSERT_FALSE(suffix.empty());
+    EXPECT_TRUE(vnk_isTesting(S("Api." + suffix).get())) << suffix;
+    EXPECT_FALSE(vnk_isStaging(S("api." + suffix).get())) << suffix;
+  }
+  EXPECT_FALSE(vnk_isStaging(S("files.example.com").get()));
+  EXPECT_FALSE(vnk_isStaging(nullptr));
+  EXPECT_FALSE(vnk_isTesting(nullptr));
+
+  // Hosts set by the application are stored lower-cased; empty ones never match.
+  setStagingHostSuffixes({"Stage.Example.org", "", "beta.example.net"});
+  EXPECT_EQ(stagingHostSuffixes()[0], "stage.example.org");
+  EXPECT_TRUE(vnk_isStaging(S("a.STAGE.example.org").get()));
+  EXPECT_TRUE(vnk_isStaging(S("beta.example.net").get()));
+  EXPECT_FALSE(vnk_isStaging(S("example.org").get()));
+  EXPECT_FALSE(vnk_isStaging(S(staging[0]).get()));
+  setTestingHostSuffixes({"", "", ""});
+  EXPECT_FALSE(vnk_isTesting(S("anything").get()));
+  setStagingHostSuffixes(staging);
+  setTestingHostSuffixes(testing);
+  EXPECT_TRUE(vnk_isStaging(S(staging[2]).get()));
+}
+
+TEST(StringSplit, ComponentsAndRemoval) {
+  using ::testing::ElementsAre;
+  EXPECT_THAT(units(split(u" a, ,b ,,", u",", true)), ElementsAre(u"a", u"b"));
+  EXPECT_THAT(units(split(u" a, ,b ,,", u",", false)), ElementsAre(u" a", u" ", u"b ", u"", u""));
+  // Components are trimmed of the whitespace class (Zs and tab), never of newlines.
+  EXPECT_THAT(units(split(u"a,\n,b", u",", true)), ElementsAre(u"a", u"\n", u"b"));
+  EXPECT_THAT(units(split(u"\u00A0a\t,\u3000", u",", true)), ElementsAre(u"a"));
+  // Separator at the ends, adjacent separators, no separator at all.
+  EXPECT_THAT(units(split(u",a,,", u",", false)), ElementsAre(u"", u"a", u"", u""));
+  EXPECT_THAT(units(split(u"abc", u",", false)), ElementsAre(u"abc"));
+  EXPECT_THAT(units(split(u"", u",", false)), ElementsAre(u""));
+  EXPECT_THAT(units(split(u"", u",", true)), ElementsAre());
+  EXPECT_THAT(units(split(u"  ", u",", true)), ElementsAre());
+  // Multi-unit separators match exactly and do not overlap.
+  EXPECT_THAT(units(split(u"a::b:::c", u"::", false)), ElementsAre(u"a", u"b", u":c"));
+  EXPECT_THAT(units(split(u"aaaa", u"aa", false)), ElementsAre(u"", u"", u""));
+  // A nil or empty separator never occurs.
+  EXPECT_THAT(units(split(u"a,b", u"", false)), ElementsAre(u"a,b"));
+  EXPECT_THAT(
+      units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(S(" a ").get(), nullptr, true)),
+      ElementsAre(u"a"));
+  EXPECT_EQ(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(nullptr, S(",").get(), true),
+            nullptr);
+}
+
+TEST(StringSplit, StorageAndSurrogates) {
+  using ::testing::ElementsAre;
+  // Surrogate pairs on either side of the separator stay whole.
+  EXPECT_THAT(units(split(u"\U0001F600,\U0001F601", u",", false)),
+              ElementsAre(u"\U0001F600", u"\U0001F601"));
+  // A separator beyond the BMP.
+  EXPECT_THAT(units(split(u"a\U0001F600b\U0001F600", u"\U0001F600", false)),
+              ElementsAre(u"a", u"b", u""));
+  // Latin-1 receiver: a separator outside Latin-1 never occurs; one inside does.
+  const Ref<String> latin = String::fromLatin1(
+      "a\xE9"
+      "b");
+  EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
+                  latin.get(), S(u"\u0100").get(), false)),
+              ElementsAre(u"a\u00E9b"));
+  EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
+                  latin.get(), S(u"\u00E9").get(), false)),
+              ElementsAre(u"a", u"b"));
+  // Embedded NULs are ordinary units, separators included.
+  EXPECT_THAT(units(split(std::u16string_view(u"a\0b", 3), std::u16string_view(u"\0", 1), false)),
+              ElementsAre(u"a", u"b"));
+  // The one-component result of a mutable receiver is a snapshot.
+  auto m = make<MutableString>(NK_STR("xy"));
+  Ref<Array> parts =
+      vnk_getComponentsSeparatedByStringRemoveEmptyEntries(m.get(), NK_STR(","), false);
+  m->appendUTF8("z");
+  EXPECT_EQ(cast<String>(parts->objectAtIndex(0))->utf8(), "xy");
+}
+
+TEST(StringHelpers, HugeInputsStayLinear) {
+  // 10 MB of units; a quadratic walk would not finish in any reasonable time.
+  constexpr size_t kSize = 10 * 1024 * 1024;
+  std::u16string text(kSize, u' ');
+  text[kSize / 2] = u'x';
+  text[0] = 0xFFFC;
+  EXPECT_EQ(vnk_trim(S(text).get())->toUTF16(), u"x");
+  EXPECT_FALSE(vnk_nullOrEmpty(S(text).get()));
+
+  std::u16string list;
+  list.reserve(kSize);
+  while (list.size() + 4 < kSize) list += u"ab ,";
+  Ref<Array> parts = split(list, u",", true);
+  EXPECT_EQ(parts->count(), kSize / 4 - 1);
+  EXPECT_EQ(cast<String>(parts->lastObject())->utf8(), "ab");
+
+  // Pathological separator: many near-matches.
+  std::u16string near(kSize / 10, u'a');
+  EXPECT_EQ(split(near, u"aaab", false)->count(), 1u);
+  EXPECT_FALSE(vnk_isStaging(S(near).get()));
+}
+
+}  // namespace
+}  // namespace nk
