@@ -11,6 +11,9 @@ NK_DEFINE_CLASS(Error, "Error", Class::kCopyable);
 
 String* kLocalizedDescriptionKey() noexcept { return NK_STR("NSLocalizedDescription"); }
 String* kUnderlyingErrorKey() noexcept { return NK_STR("NSUnderlyingError"); }
+String* kDebugDescriptionKey() noexcept { return NK_STR("NSDebugDescription"); }
+String* kCocoaErrorDomain() noexcept { return NK_STR("NSCocoaErrorDomain"); }
+String* kPOSIXErrorDomain() noexcept { return NK_STR("NSPOSIXErrorDomain"); }
 
 Ref<Error> Error::make(const Ref<String>& domain, long code, const Ref<Dictionary>& userInfo) {
   return nk::make<Error>(domain, code, userInfo);

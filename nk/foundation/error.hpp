@@ -19,6 +19,11 @@ namespace nk {
 // User-information keys of the system's own.
 String* kLocalizedDescriptionKey() noexcept;  // "NSLocalizedDescription"
 String* kUnderlyingErrorKey() noexcept;       // "NSUnderlyingError"
+// Where the platform explains a failure for developers (parsers name the offset).
+String* kDebugDescriptionKey() noexcept;  // "NSDebugDescription"
+// The platform's error domains.
+String* kCocoaErrorDomain() noexcept;  // "NSCocoaErrorDomain"
+String* kPOSIXErrorDomain() noexcept;  // "NSPOSIXErrorDomain"
 
 class Error final : public Object {
   NK_DECLARE_CLASS(Error, Object)

@@ -19,9 +19,6 @@
 
 namespace nk {
 
-String* kJSONErrorDomain() noexcept { return NK_STR("NSCocoaErrorDomain"); }
-String* kJSONDebugDescriptionKey() noexcept { return NK_STR("NSDebugDescription"); }
-
 namespace {
 
 using collection_internal::OrderedTable;
@@ -43,9 +40,9 @@ Ref<Error> makeError(size_t offset, std::string_view message) {
   text += std::to_string(offset);
   text += '.';
   Ref<String> description = String::fromUTF8(text);
-  auto info = Dictionary::make({{Id(kJSONDebugDescriptionKey()), description},
-                                {Id(kLocalizedDescriptionKey()), description}});
-  return Error::make(Ref<String>(kJSONErrorDomain()), kJSONReadingCorruptError, info);
+  auto info = Dictionary::make(
+      {{Id(kDebugDescriptionKey()), description}, {Id(kLocalizedDescriptionKey()), description}});
+  return Error::make(Ref<String>(kCocoaErrorDomain()), kJSONReadingCorruptError, info);
 }
 
 // ---- building objects -------------------------------------------------------

@@ -23,15 +23,13 @@ enum JSONReadingOptions : unsigned {
 // Arrays and dictionaries may nest this deep; one more level is an error.
 inline constexpr size_t kJSONMaxDepth = 512;
 
-// Errors of reading and writing JSON are in this domain.
-String* kJSONErrorDomain() noexcept;  // "NSCocoaErrorDomain"
+// Errors of reading and writing JSON are in kCocoaErrorDomain().
 // The code of every reading error. The description names the byte offset
 // (in the UTF-8 form of the text) where reading stopped.
 inline constexpr long kJSONReadingCorruptError = 3840;
 
-// The user-information key of the technical description of a JSON error (also
-// given as the localized description).
-String* kJSONDebugDescriptionKey() noexcept;  // "NSDebugDescription"
+// Errors carry their technical description under kDebugDescriptionKey() (and
+// as the localized description).
 
 // Reads one JSON value from `bytes`. Numbers: integers that fit int64 as 'q',
 // larger ones up to UINT64_MAX as 'Q', every other integer and every number

@@ -339,9 +339,9 @@ class Writer {
 
 Ref<Error> makeError(const std::string& message) {
   Ref<String> description = String::fromUTF8(message);
-  auto info = Dictionary::make({{Id(kJSONDebugDescriptionKey()), description},
-                                {Id(kLocalizedDescriptionKey()), description}});
-  return Error::make(Ref<String>(kJSONErrorDomain()), kJSONWritingInvalidError, info);
+  auto info = Dictionary::make(
+      {{Id(kDebugDescriptionKey()), description}, {Id(kLocalizedDescriptionKey()), description}});
+  return Error::make(Ref<String>(kCocoaErrorDomain()), kJSONWritingInvalidError, info);
 }
 
 bool isContainer(const Object* o) { return cast<Array>(o) || cast<Dictionary>(o); }

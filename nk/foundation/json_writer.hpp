@@ -18,7 +18,7 @@ enum JSONWritingOptions : unsigned {
   kJSONWritingWithoutEscapingSlashes = 8,
 };
 
-// The code of every writing error (in kJSONErrorDomain()).
+// The code of every writing error (in kCocoaErrorDomain()).
 inline constexpr long kJSONWritingInvalidError = 3852;
 
 // Writes `object` as JSON. The writer takes String, Number (Booleans as true

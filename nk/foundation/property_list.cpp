@@ -21,8 +21,6 @@ namespace nk {
 
 NK_DEFINE_CLASS(PlistUID, "PlistUID", Class::kCopyable);
 
-String* kDebugDescriptionErrorKey() noexcept { return NK_STR("NSDebugDescription"); }
-
 Ref<PlistUID> PlistUID::make(uint64_t value) { return Ref<PlistUID>::adopt(new PlistUID(value)); }
 
 bool PlistUID::isEqual(const Object* other) const noexcept {
@@ -224,8 +222,8 @@ namespace {
 Ref<Error> makeError(long code, const std::string& reason) {
   Ref<String> text = String::fromUTF8(reason);
   if (!text) text = String::fromLatin1(reason);
-  return Error::make(kPropertyListErrorDomain, code,
-                     Dictionary::make({{Id(kDebugDescriptionErrorKey()), Id(text)}}));
+  return Error::make(Ref<String>(kCocoaErrorDomain()), code,
+                     Dictionary::make({{Id(kDebugDescriptionKey()), Id(text)}}));
 }
 
 bool isSpace(uint8_t c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }

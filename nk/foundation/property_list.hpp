@@ -26,15 +26,13 @@ enum class PropertyListFormat {
   kBinary = 200,
 };
 
-// Errors are in this domain with one of these codes, and carry the reason (one
-// sentence, such as "Value missing for key inside <dict> on line 4") under
-// "NSDebugDescription" in their user information, which the error's
+// Errors are in kCocoaErrorDomain() with one of these codes, and carry the
+// reason (one sentence, such as "Value missing for key inside <dict> on line 4")
+// under kDebugDescriptionKey() in their user information, which the error's
 // description quotes.
-inline constexpr std::string_view kPropertyListErrorDomain = "NSCocoaErrorDomain";
 inline constexpr long kPropertyListReadCorruptError = 3840;         // malformed input
 inline constexpr long kPropertyListReadUnknownVersionError = 3841;  // "bplist" other than 00
 inline constexpr long kPropertyListWriteInvalidError = 3852;        // object not writable
-String* kDebugDescriptionErrorKey() noexcept;                       // "NSDebugDescription"
 
 // Containers nested deeper than this are refused when reading and writing.
 inline constexpr size_t kPropertyListMaxDepth = 512;

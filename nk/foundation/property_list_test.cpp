@@ -32,7 +32,7 @@ Id str(std::string_view text) { return String::fromUTF8(text); }
 
 std::string reasonOf(const Ref<Error>& error) {
   if (!error || !error->userInfo()) return "";
-  auto reason = cast<String>(error->userInfo()->objectForKey(kDebugDescriptionErrorKey()));
+  auto reason = cast<String>(error->userInfo()->objectForKey(kDebugDescriptionKey()));
   return reason ? reason->utf8() : "";
 }
 

@@ -24,8 +24,6 @@ namespace nk {
 NK_DEFINE_CLASS(FileManager, "FileManager");
 NK_DEFINE_CLASS(DirectoryEnumerator, "DirectoryEnumerator");
 
-String* kCocoaErrorDomain() noexcept { return NK_STR("NSCocoaErrorDomain"); }
-String* kPOSIXErrorDomain() noexcept { return NK_STR("NSPOSIXErrorDomain"); }
 String* kFilePathErrorKey() noexcept { return NK_STR("NSFilePath"); }
 String* kFileSizeKey() noexcept { return NK_STR("NSFileSize"); }
 String* kFileTypeKey() noexcept { return NK_STR("NSFileType"); }

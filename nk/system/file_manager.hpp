@@ -18,9 +18,8 @@
 
 namespace nk {
 
-// The platform's error domains and file-error codes.
-String* kCocoaErrorDomain() noexcept;  // "NSCocoaErrorDomain"
-String* kPOSIXErrorDomain() noexcept;  // "NSPOSIXErrorDomain"
+// File-error codes (in kCocoaErrorDomain(), with the errno under
+// kUnderlyingErrorKey() in kPOSIXErrorDomain()) and the path's key.
 String* kFilePathErrorKey() noexcept;  // "NSFilePath"
 enum FileErrorCode : long {
   kFileNoSuchFileError = 4,
