@@ -1,0 +1,200 @@
+// Tests of PRMAll and PRMWhen: result shapes and order, the first rejection deciding
+// with the failing position or key, and later rejections counted as handled.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "nk/foundation/array.hpp"
+#include "nk/foundation/dictionary.hpp"
+#include "nk/foundation/null.hpp"
+#include "nk/foundation/number.hpp"
+#include "nk/foundation/set.hpp"
+#include "nk/promise/promise_test_support_internal.hpp"
+#include "nk/promise/promise_when.hpp"
+
+namespace nk {
+namespace {
+
+using promise_test::deferred;
+using promise_test::settles;
+using promise_test::UnhandledCapture;
+
+Id num(int v) { return Number::withInt(v); }
+Ref<Error> failure(long code, Ref<Dictionary> info = nullptr) {
+  return Error::make(NK_STR("TestDomain"), code, info);
+}
+Id failingIndex(const Id& error) {
+  auto e = cast<Error>(error);
+  if (!e || !e->userInfo()) return nullptr;
+  return e->userInfo()->objectForKey(PRMFailingPromiseIndexKey());
+}
+
+TEST(PromiseAll, ResultShapes) {
+  UnhandledCapture quiet;
+  {  // an empty collection fulfils with that very collection
+    auto empty = Array::make();
+    auto p = PRMAll(empty);
+    EXPECT_TRUE(p->fulfilled());
+    EXPECT_EQ(p->value().get(), empty.get());
+    auto emptyDict = Dictionary::make();
+    EXPECT_EQ(PRMAll(emptyDict)->value().get(), emptyDict.get());
+  }
+  {  // a list keeps order, wraps plain values, and gives Null for nothing
+    auto p = PRMAll(Array::make(
+        {PRMPromise::promiseWithValue(num(1)), num(2), PRMPromise::promiseWithValue(nullptr)}));
+    ASSERT_TRUE(settles(p));
+    ASSERT_TRUE(p->fulfilled());
+    EXPECT_TRUE(isEqual(p->value(), Array::make({num(1), num(2), Null::null()})));
+  }
+  {  // a dictionary leaves out keys whose member fulfilled with nothing
+    auto p = PRMAll(Dictionary::make({{NK_STR("a"), PRMPromise::promiseWithValue(num(1))},
+                                      {NK_STR("b"), PRMPromise::promiseWithValue(nullptr)},
+                                      {NK_STR("c"), num(3)}}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(p->value()->isKindOfClass(MutableDictionary::staticClass()));
+    EXPECT_TRUE(
+        isEqual(p->value(), Dictionary::make({{NK_STR("a"), num(1)}, {NK_STR("c"), num(3)}})));
+  }
+  {  // a set becomes an array of its members' values
+    auto p = PRMAll(Set::make({num(4)}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), Array::make({num(4)})));
+  }
+  {  // a member fulfilling with several values contributes the first
+    auto p =
+        PRMAll(Array::make({PRMPromise::promiseWithValue(PRMArrayWithCount(2, num(8), num(9)))}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), Array::make({num(8)})));
+  }
+  EXPECT_TRUE(quiet.reports().empty());
+}
+
+TEST(PromiseAll, OrderSurvivesOutOfOrderSettling) {
+  auto a = deferred(), b = deferred(), c = deferred();
+  auto p = PRMAll(Array::make({a.promise, b.promise, c.promise}));
+  (*c.resolve)(num(3));
+  (*a.resolve)(num(1));
+  ASSERT_TRUE(promise_test::runMainUntil([&] { return !c.promise->pending(); }));
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+  EXPECT_TRUE(p->pending());  // one member still out
+  (*b.resolve)(num(2));
+  ASSERT_TRUE(settles(p));
+  EXPECT_TRUE(isEqual(p->value(), Array::make({num(1), num(2), num(3)})));
+}
+
+TEST(PromiseAll, MembersAndCallersOnOtherThreads) {
+  {  // members settled from a background thread, in reverse order
+    std::vector<promise_test::Deferred> members(50);
+    std::vector<Id> promises;
+    for (auto& m : members) {
+      m = deferred();
+      promises.push_back(m.promise);
+    }
+    auto p = PRMAll(Array::make(promises));
+    std::thread settler([&] {
+      for (size_t i = members.size(); i-- > 0;) (*members[i].resolve)(num(static_cast<int>(i)));
+    });
+    ASSERT_TRUE(settles(p));
+    settler.join();
+    auto values = cast<Array>(p->value());
+    ASSERT_TRUE(values);
+    ASSERT_EQ(values->count(), members.size());
+    for (size_t i = 0; i < members.size(); ++i) {
+      EXPECT_TRUE(isEqual(values->objectAtIndex(i), num(static_cast<int>(i))));
+    }
+  }
+  {  // aggregating from a background thread while the main loop already runs handlers
+    std::vector<Id> members;
+    for (int i = 0; i < 200; ++i) members.push_back(PRMPromise::promiseWithValue(num(i)));
+    Ref<PRMPromise> p;
+    std::atomic<bool> made{false};
+    std::thread caller([&] {
+      p = PRMAll(Array::make(members));
+      made = true;
+    });
+    ASSERT_TRUE(promise_test::runMainUntil([&] { return made.load(); }));
+    caller.join();
+    ASSERT_TRUE(settles(p));
+    auto values = cast<Array>(p->value());
+    ASSERT_TRUE(values);
+    EXPECT_EQ(values->count(), 200u);
+    EXPECT_TRUE(isEqual(values->lastObject(), num(199)));
+  }
+}
+
+TEST(PromiseAll, FirstRejectionDecides) {
+  UnhandledCapture reports;
+  promise_test::LogCapture log;
+  {  // the position, beside the member's own entries; a later rejection changes nothing
+    auto m0 = deferred(), m1 = deferred(), m2 = deferred();
+    auto p = PRMAll(Array::make({m0.promise, m1.promise, m2.promise}));
+    (*m1.resolve)(failure(7, Dictionary::make({{NK_STR("extra"), num(5)}})));
+    ASSERT_TRUE(settles(p));
+    (*m2.resolve)(failure(8));
+    (*m0.resolve)(num(0));
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(30));
+    auto e = cast<Error>(p->value());
+    ASSERT_TRUE(e);
+    EXPECT_TRUE(isEqual(e->domain(), NK_STR("TestDomain")));
+    EXPECT_EQ(e->code(), 7);
+    EXPECT_TRUE(isEqual(failingIndex(e), Number::withUnsignedInteger(1)));
+    EXPECT_TRUE(isEqual(e->userInfo()->objectForKey(NK_STR("extra")), num(5)));
+    p->catch_([] {});  // the aggregate's own error is handled here
+  }
+  {  // a dictionary records the key itself
+    auto p = PRMAll(Dictionary::make({{NK_STR("ok"), num(1)}, {NK_STR("bad"), failure(9)}}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(failingIndex(p->value()), NK_STR("bad")));
+    p->catch_([] {});
+  }
+  {  // an error without user information still gets the position
+    auto p = PRMAll(Array::make({num(1), failure(2)}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(failingIndex(p->value()), Number::withUnsignedInteger(1)));
+    p->catch_([] {});
+  }
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(30));
+  // Member errors, dropped or not, count as handled; so do the caught aggregates.
+  EXPECT_TRUE(reports.reports().empty()) << reports.reports().size();
+  // Late rejections are dropped before they reach the settled aggregate.
+  EXPECT_EQ(log.count("Migriornop: Warning: Promise already resolved"), 0u);
+}
+
+TEST(PromiseWhen, SingleValuesAndNil) {
+  UnhandledCapture quiet;
+  {  // a single promise gives its value, not an array
+    auto p = PRMWhen(PRMPromise::promiseWithValue(num(5)));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), num(5)));
+  }
+  {  // a plain value and a promise fulfilled with nothing
+    auto plain = PRMWhen(num(6));
+    auto nothing = PRMWhen(PRMPromise::promiseWithValue(nullptr));
+    ASSERT_TRUE(settles(plain));
+    ASSERT_TRUE(settles(nothing));
+    EXPECT_TRUE(isEqual(plain->value(), num(6)));
+    EXPECT_EQ(nothing->value().get(), Null::null());
+  }
+  {  // nil fulfils at once with nothing
+    auto p = PRMWhen(nullptr);
+    EXPECT_TRUE(p->fulfilled());
+    EXPECT_FALSE(p->value());
+  }
+  {  // a failing single member is at position 0
+    auto p = PRMWhen(PRMPromise::promiseWithValue(failure(4)));
+    ASSERT_TRUE(settles(p));
+    ASSERT_TRUE(p->rejected());
+    EXPECT_TRUE(isEqual(failingIndex(p->value()), Number::withUnsignedInteger(0)));
+    p->catch_([] {});
+  }
+  {  // collections go to PRMAll
+    auto p = PRMWhen(Array::make({num(1), num(2)}));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), Array::make({num(1), num(2)})));
+  }
+}
+
+}  // namespace
+}  // namespace nk
