@@ -25,6 +25,7 @@
 
 namespace nk {
 
+class Array;
 class PRMPromise;
 
 namespace promise_internal {
@@ -240,6 +241,14 @@ class PRMPromise final : public Object {
   static Ref<PRMPromise> promiseWithIntegerAdapter(Body&& body);
   template <class Body>
   static Ref<PRMPromise> promiseWithBooleanAdapter(Body&& body);
+
+  // Aggregation, for callers that include the matching header: when and all
+  // (promise_when.hpp), untilCatch (promise_until.hpp), join (promise_join.hpp).
+  static Ref<PRMPromise> when(const Id& value);
+  static Ref<PRMPromise> all(const Id& collection);
+  template <class Until, class Catch>
+  static Ref<PRMPromise> untilCatch(Until until, Catch catchHandler);
+  static Ref<PRMPromise> join(const Ref<Array>& promises);
 
   // ---- State, read from the slot (a slot holding a promise answers resolved and
   // fulfilled itself, and pending and value through that promise).

@@ -31,4 +31,6 @@ Ref<PRMPromise> PRMJoin(const Ref<Array>& promises) {
       });
 }
 
+Ref<PRMPromise> PRMPromise::join(const Ref<Array>& promises) { return PRMJoin(promises); }
+
 }  // namespace nk

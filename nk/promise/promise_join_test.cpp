@@ -38,7 +38,7 @@ TEST(PromiseJoin, ValuesAndErrors) {
   {  // mixed outcomes: fulfilled values in order, the failure at its position
     auto input = Array::make({fulfilled(1), rejected(5), fulfilled(3)});
     auto before = input->copy();
-    auto p = PRMJoin(input);
+    auto p = PRMPromise::join(input);
     ASSERT_TRUE(settles(p));
     auto both = outcome(p);
     ASSERT_TRUE(both);

@@ -81,4 +81,9 @@ Ref<PRMPromise> PRMUntilCatch(Until until, Catch catchHandler) {
   });
 }
 
+template <class Until, class Catch>
+Ref<PRMPromise> PRMPromise::untilCatch(Until until, Catch catchHandler) {
+  return PRMUntilCatch(std::move(until), std::move(catchHandler));
+}
+
 }  // namespace nk

@@ -65,7 +65,7 @@ TEST(PromiseUntilCatch, Retries) {
   }
   {  // an empty array fulfils at once with that array
     auto empty = Array::make();
-    auto p = PRMUntilCatch([&]() -> Id { return empty; }, [] {});
+    auto p = PRMPromise::untilCatch([&]() -> Id { return empty; }, [] {});
     ASSERT_TRUE(settles(p));
     EXPECT_EQ(p->value().get(), empty.get());
   }

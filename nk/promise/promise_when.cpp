@@ -107,4 +107,7 @@ Ref<PRMPromise> PRMWhen(const Id& value) {
   });
 }
 
+Ref<PRMPromise> PRMPromise::when(const Id& value) { return PRMWhen(value); }
+Ref<PRMPromise> PRMPromise::all(const Id& collection) { return PRMAll(collection); }
+
 }  // namespace nk

@@ -35,7 +35,7 @@ TEST(PromiseAll, ResultShapes) {
   UnhandledCapture quiet;
   {  // an empty collection fulfils with that very collection
     auto empty = Array::make();
-    auto p = PRMAll(empty);
+    auto p = PRMPromise::all(empty);
     EXPECT_TRUE(p->fulfilled());
     EXPECT_EQ(p->value().get(), empty.get());
     auto emptyDict = Dictionary::make();
@@ -170,7 +170,7 @@ TEST(PromiseWhen, SingleValuesAndNil) {
     EXPECT_TRUE(isEqual(p->value(), num(5)));
   }
   {  // a plain value and a promise fulfilled with nothing
-    auto plain = PRMWhen(num(6));
+    auto plain = PRMPromise::when(num(6));
     auto nothing = PRMWhen(PRMPromise::promiseWithValue(nullptr));
     ASSERT_TRUE(settles(plain));
     ASSERT_TRUE(settles(nothing));
