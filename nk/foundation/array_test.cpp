@@ -11,24 +11,14 @@
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/exception.hpp"
 #include "nk/foundation/number.hpp"
+#include "nk/foundation/raised_test_support_internal.hpp"
 
 namespace nk {
 namespace {
 
 Ref<String> S(const char* utf8) { return String::fromUTF8(utf8); }
 
-// Name and reason of the exception `f` raises; empty strings when it raises none.
-template <class F>
-std::pair<std::string, std::string> raised(F&& f) {
-  try {
-    f();
-  } catch (const ThrownObject& thrown) {
-    auto e = cast<Exception>(thrown.object());
-    if (!e) return {"<not an exception>", ""};
-    return {e->name()->utf8(), e->reason() ? e->reason()->utf8() : ""};
-  }
-  return {"", ""};
-}
+using test_support::raised;
 
 // Counts its destructions, to see that collections release what they drop.
 class ArrayTestTracked final : public Object {

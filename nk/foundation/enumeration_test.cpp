@@ -13,6 +13,7 @@
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/exception.hpp"
 #include "nk/foundation/number.hpp"
+#include "nk/foundation/raised_test_support_internal.hpp"
 #include "nk/foundation/set.hpp"
 
 namespace nk {
@@ -20,18 +21,7 @@ namespace {
 
 Ref<String> S(const char* utf8) { return String::fromUTF8(utf8); }
 
-// Name and reason of the exception `f` raises; empty strings when it raises none.
-template <class F>
-std::pair<std::string, std::string> raised(F&& f) {
-  try {
-    f();
-  } catch (const ThrownObject& thrown) {
-    auto e = cast<Exception>(thrown.object());
-    if (!e) return {"<not an exception>", ""};
-    return {e->name()->utf8(), e->reason() ? e->reason()->utf8() : ""};
-  }
-  return {"", ""};
-}
+using test_support::raised;
 
 std::string mutatedReason(const char* className, const void* address) {
   char text[160];
