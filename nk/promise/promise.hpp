@@ -392,6 +392,8 @@ namespace promise_internal {
 struct Access {
   static Ref<PRMPromise> makePending() { return PRMPromise::makePending(); }
   static void resolveIfPending(PRMPromise* p, const Id& v) { PRMPromise::resolveIfPending(p, v); }
+  // Adds `w` to a pending promise and returns nil; a settled promise's slot otherwise.
+  static Id tryRegister(const PRMPromise* p, Waiter* w) { return p->tryRegister(w); }
 };
 
 inline bool isError(const Id& value) noexcept {

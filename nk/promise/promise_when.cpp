@@ -1,13 +1,17 @@
 // PRMAll and PRMWhen: one shared record per aggregate counts the members still out
-// and holds their values; every member carries a catch and a then handler that
-// report into it on the main queue.
+// and holds their values. Members already settled when the aggregate is made are
+// reported together in one batch; each pending member carries one waiting entry that
+// becomes its report when it settles. Reports reach the main queue through a
+// lock-free inbox, and only the main queue reads them, counts and resolves.
 
 #include "nk/promise/promise_when.hpp"
 
+#include <atomic>
 #include <memory>
 #include <utility>
 #include <vector>
 
+#include "nk/dispatch/queue.hpp"
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/enumeration.hpp"
@@ -17,25 +21,44 @@
 namespace nk {
 namespace {
 
-// Shared by every handler of one aggregate. Only the main queue touches `remaining`
-// and the results, so they need no lock.
-struct Aggregate {
-  Aggregate(PRMResolver r, size_t count)
-      : aggregate(r.promise()), fulfill(r), reject(r), remaining(count) {}
-  Ref<PRMPromise> aggregate;
-  PRMFulfiller fulfill;
-  PRMRejecter reject;
-  size_t remaining;
-  std::vector<Id> values;             // list form
-  Ref<MutableDictionary> dictionary;  // dictionary form
+using promise_internal::Access;
+using promise_internal::Waiter;
+
+struct Aggregate;
+
+// How one member settled: its dictionary key (nil for a list's member), its
+// position, and its slot (an Error when it was rejected).
+struct Outcome {
+  Id key;
+  size_t index;
+  Id value;
 };
 
-Ref<PRMPromise> asMember(const Id& member) {
-  if (member && member->isKindOfClass(PRMPromise::staticClass())) {
-    return Ref<PRMPromise>(static_cast<PRMPromise*>(member.get()));
-  }
-  return PRMPromise::promiseWithValue(member);
-}
+// A pending member's waiting entry and, once the member has settled, its report.
+// Owned by the member's handler list until it runs, then by the aggregate's inbox.
+struct MemberReport final : Waiter {
+  MemberReport(std::shared_ptr<Aggregate> a, Id key, size_t index)
+      : Waiter(&kOps), aggregate(std::move(a)), outcome{std::move(key), index, nullptr} {}
+
+  static void run(Waiter* self, const Id& value);
+  static void destroy(Waiter* self) noexcept { delete static_cast<MemberReport*>(self); }
+  static constexpr Ops kOps = {&run, &destroy};
+
+  std::shared_ptr<Aggregate> aggregate;
+  Outcome outcome;
+};
+
+// The members that had settled before the aggregate looked at them, in enumeration
+// order. Only ever posted to an inbox, never registered on a promise.
+struct BatchReport final : Waiter {
+  explicit BatchReport(std::vector<Outcome> o) : Waiter(&kOps), outcomes(std::move(o)) {}
+
+  static void run(Waiter*, const Id&) {}
+  static void destroy(Waiter* self) noexcept { delete static_cast<BatchReport*>(self); }
+  static constexpr Ops kOps = {&run, &destroy};
+
+  std::vector<Outcome> outcomes;
+};
 
 // The member's error again, with the failing position or key added. Starting from an
 // empty dictionary when the member had no user information keeps the key readable.
@@ -49,29 +72,145 @@ Ref<Error> failingMemberError(const Error& error, Id where) {
   return Error::make(error.domain(), error.code(), info);
 }
 
-// Attaches the aggregate's handlers to one member: `key` for a dictionary's member,
-// nil for a list's member at `index`.
-void watchMember(const std::shared_ptr<Aggregate>& shared, const Id& member, Id key, size_t index) {
-  Ref<PRMPromise> promise = asMember(member);
-  promise->catch_([shared, key, index](const Ref<Error>& error) {
-    if (shared->aggregate->resolved()) return;
-    shared->reject(failingMemberError(*error, key ? key : Id(Number::withUnsignedInteger(index))));
-  });
-  promise->then([shared, key = std::move(key), index](const Id& value) {
-    Aggregate& a = *shared;
-    if (a.dictionary) {
-      if (value) a.dictionary->setObjectForKey(value, key.get());
-    } else {
-      a.values[index] = value ? value : Id(Null::null());
+// Shared by every member of one aggregate. Reports arrive from any thread through a
+// lock-free inbox; the count and the results belong to the main queue, so they need
+// no lock.
+struct Aggregate : std::enable_shared_from_this<Aggregate> {
+  Aggregate(const PRMResolver& r, size_t count) : fulfill(r), reject(r), remaining(count) {}
+
+  // Any thread. The report that finds the inbox empty sends the batch on its way.
+  void post(Waiter* report) {
+    Waiter* head = inbox.load(std::memory_order_relaxed);
+    do {
+      report->next = head;
+    } while (!inbox.compare_exchange_weak(head, report, std::memory_order_release,
+                                          std::memory_order_relaxed));
+    if (!head) Queue::main().async([self = shared_from_this()] { self->drain(); });
+  }
+
+  // Main queue: every report posted so far, oldest first.
+  void drain() {
+    Waiter* newest = inbox.exchange(nullptr, std::memory_order_acquire);
+    Waiter* oldest = nullptr;
+    while (newest) {
+      Waiter* next = newest->next;
+      newest->next = oldest;
+      oldest = newest;
+      newest = next;
     }
-    if (--a.remaining != 0) return;
-    if (a.dictionary) {
-      a.fulfill(a.dictionary);
-    } else {
-      a.fulfill(Array::make(std::move(a.values)));
+    while (oldest) {
+      Waiter* report = oldest;
+      oldest = oldest->next;
+      if (report->ops == &MemberReport::kOps) {
+        std::unique_ptr<MemberReport> member(static_cast<MemberReport*>(report));
+        settle(member->outcome);
+      } else {
+        std::unique_ptr<BatchReport> batch(static_cast<BatchReport*>(report));
+        for (const Outcome& o : batch->outcomes) settle(o);
+      }
     }
-  });
+  }
+
+  // What the member's catch and then handlers do with its outcome.
+  void settle(const Outcome& o) {
+    if (promise_internal::isError(o.value)) {
+      const auto& error = static_cast<const Error&>(*o.value);
+      PRMError::consume(&error);  // a later rejection counts as handled too
+      if (decided) return;
+      decided = true;
+      reject(failingMemberError(error, o.key ? o.key : Id(Number::withUnsignedInteger(o.index))));
+      return;
+    }
+    if (decided) return;
+    // As a one-parameter then handler receives it: nothing as nil, a spread list's first.
+    Id value = o.value.get() == PRMNull() ? Id() : promise_internal::argumentAt(o.value, 0);
+    if (dictionary) {
+      if (value) dictionary->setObjectForKey(std::move(value), o.key.get());
+    } else {
+      values[o.index] = value ? std::move(value) : Id(Null::null());
+    }
+    if (--remaining != 0) return;
+    decided = true;
+    if (dictionary) {
+      fulfill(dictionary);
+    } else {
+      fulfill(Array::make(std::move(values)));
+    }
+  }
+
+  PRMFulfiller fulfill;
+  PRMRejecter reject;
+  size_t remaining;
+  bool decided = false;
+  std::vector<Id> values;             // list form
+  Ref<MutableDictionary> dictionary;  // dictionary form
+  std::atomic<Waiter*> inbox{nullptr};
+};
+
+// The slot of `promise`, following promises settled with promises; nil while pending,
+// in which case `*pending` is the promise to wait on.
+Id settledSlot(const PRMPromise* promise, const PRMPromise** pending) {
+  for (;;) {
+    Id slot = PRMGetResult(promise);
+    const PRMPromise* inner = promise_internal::asPromise(slot);
+    if (!inner) {
+      *pending = promise;
+      return slot;
+    }
+    promise = inner;
+  }
 }
+
+// Leaves `report` on `promise` or, when the promise has settled by now, posts it.
+void watch(const PRMPromise* promise, MemberReport* report) {
+  for (;;) {
+    Id slot = Access::tryRegister(promise, report);
+    if (!slot) return;
+    const PRMPromise* inner = promise_internal::asPromise(slot);
+    if (!inner) {
+      report->outcome.value = std::move(slot);
+      report->aggregate->post(report);
+      return;
+    }
+    promise = inner;
+  }
+}
+
+void MemberReport::run(Waiter* self, const Id& value) {
+  auto* report = static_cast<MemberReport*>(self);
+  if (const PRMPromise* inner = promise_internal::asPromise(value)) return watch(inner, report);
+  report->outcome.value = value;
+  report->aggregate->post(report);
+}
+
+// Walks the collection once, leaving an entry on every pending member and collecting
+// the outcomes of the settled ones, which go to the main queue in one batch (also when
+// the walk raises, so that their errors still count as handled).
+class Watcher {
+ public:
+  explicit Watcher(std::shared_ptr<Aggregate> a) : aggregate_(std::move(a)) {}
+
+  void member(const Id& member, Id key, size_t index) {
+    Id slot = member;
+    if (const PRMPromise* promise = promise_internal::asPromise(member)) {
+      const PRMPromise* pending = nullptr;
+      slot = settledSlot(promise, &pending);
+      if (!slot) {
+        watch(pending, new MemberReport(aggregate_, std::move(key), index));
+        return;
+      }
+    }
+    settled_.push_back({std::move(key), index, std::move(slot)});
+  }
+
+  ~Watcher() {
+    if (!settled_.empty()) aggregate_->post(new BatchReport(std::move(settled_)));
+  }
+
+ private:
+  std::shared_ptr<Aggregate> aggregate_;
+  std::vector<Outcome> settled_;
+};
 
 }  // namespace
 
@@ -80,20 +219,27 @@ Ref<PRMPromise> PRMAll(const Id& collection) {
   if (count == 0) return PRMPromise::promiseWithValue(collection);
   bool keyed = collection->isKindOfClass(Dictionary::staticClass());
   return PRMPromise::promiseWithResolver([&](PRMResolver resolver) {
-    auto shared = std::make_shared<Aggregate>(std::move(resolver), count);
+    auto shared = std::make_shared<Aggregate>(resolver, count);
     if (keyed) {
       shared->dictionary = MutableDictionary::make();
-      const auto* dictionary = static_cast<const Dictionary*>(collection.get());
-      enumerate(dictionary,
-                [&](const Id& key) { watchMember(shared, dictionary->objectForKey(key), key, 0); });
     } else {
       shared->values.resize(count);
+    }
+    Watcher watcher(shared);
+    if (keyed) {
+      const auto* dictionary = static_cast<const Dictionary*>(collection.get());
+      enumerate(dictionary, [&](const Id& entryKey) {
+        // Held apart from the table: a key's hash may change the dictionary under us.
+        Id key = entryKey;
+        const Id& member = dictionary->objectForKey(key.get());
+        watcher.member(member, std::move(key), 0);
+      });
+    } else {
       size_t index = 0;
       enumerate(collection.get(), [&](const Id& member) {
         // A collection that grew since it was counted must not write past the end;
         // the enumeration itself raises on the change.
-        if (index >= count) return;
-        watchMember(shared, member, nullptr, index++);
+        if (index < count) watcher.member(member, nullptr, index++);
       });
     }
   });

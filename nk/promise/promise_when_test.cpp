@@ -7,7 +7,10 @@
 #include <vector>
 
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/class.hpp"
 #include "nk/foundation/dictionary.hpp"
+#include "nk/foundation/error.hpp"
+#include "nk/foundation/exception.hpp"
 #include "nk/foundation/null.hpp"
 #include "nk/foundation/number.hpp"
 #include "nk/foundation/set.hpp"
@@ -30,6 +33,27 @@ Id failingIndex(const Id& error) {
   if (!e || !e->userInfo()) return nullptr;
   return e->userInfo()->objectForKey(PRMFailingPromiseIndexKey());
 }
+
+// A dictionary key whose hash, once armed, adds an entry to the dictionary that
+// holds it: host code that runs while all() walks its collection and changes it.
+class PromiseAllMutatingKey final : public Object {
+  NK_DECLARE_CLASS(PromiseAllMutatingKey, Object)
+
+ public:
+  size_t hash() const noexcept override {
+    if (target && !fired) {
+      fired = true;
+      // Enough entries to make the table grow under the enumeration.
+      for (int i = 0; i < 64; ++i) target->setObjectForKey(NK_STR("late"), Number::withInt(i));
+    }
+    return 11;
+  }
+  Id copy() const override { return Id(const_cast<PromiseAllMutatingKey*>(this)); }
+
+  MutableDictionary* target = nullptr;  // unretained: the dictionary owns this key
+  mutable bool fired = false;
+};
+NK_DEFINE_CLASS(PromiseAllMutatingKey, "PromiseAllMutatingKey", Class::kCopyable);
 
 TEST(PromiseAll, ResultShapes) {
   UnhandledCapture quiet;
@@ -194,6 +218,30 @@ TEST(PromiseWhen, SingleValuesAndNil) {
     ASSERT_TRUE(settles(p));
     EXPECT_TRUE(isEqual(p->value(), Array::make({num(1), num(2)})));
   }
+}
+
+TEST(PromiseAll, CollectionMutatedWhileEnumerated) {
+  // The mutation exception raised inside the resolver body rejects the aggregate
+  // with the converted error; the members already watched settle harmlessly.
+  UnhandledCapture quiet;
+  auto dictionary = MutableDictionary::make();
+  auto key = make<PromiseAllMutatingKey>();
+  dictionary->setObjectForKey(PRMPromise::promiseWithValue(num(1)), key);
+  dictionary->setObjectForKey(num(2), NK_STR("second"));
+  key->target = dictionary.get();
+
+  auto p = PRMAll(dictionary);
+  ASSERT_TRUE(p->rejected());
+  auto error = cast<Error>(p->value());
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->domain()->isEqual(PRMErrorDomain()));
+  EXPECT_EQ(error->code(), 1);
+  auto thrown = cast<Exception>(error->userInfo()->objectForKey(PRMUnderlyingExceptionKey()));
+  ASSERT_TRUE(thrown);
+  EXPECT_TRUE(thrown->name()->isEqual(NK_STR("NSGenericException")));
+  EXPECT_NE(thrown->reason()->utf8().find("was mutated while being enumerated"), std::string::npos);
+  EXPECT_TRUE(key->fired);
+  p->catch_([] {});
 }
 
 }  // namespace
