@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/date.hpp"
 #include "nk/foundation/number.hpp"
+#include "nk/system/file_manager_internal.hpp"
 #include "nk/system/xdg_directories.hpp"
 
 namespace nk {
@@ -194,7 +197,32 @@ bool removeContents(int rootFd, const std::string& rootPath, std::string& failed
   return true;
 }
 
+std::atomic<bool> removalHookSet{false};
+std::mutex removalHookLock;
+
+RemovalFaultHook& removalHook() {
+  static RemovalFaultHook hook;
+  return hook;
+}
+
+// The errno a test wants this removal to fail with, or 0.
+int injectedRemovalFailure(const std::string& path) {
+  if (!removalHookSet.load(std::memory_order_acquire)) return 0;
+  RemovalFaultHook hook;
+  {
+    std::lock_guard<std::mutex> lock(removalHookLock);
+    hook = removalHook();
+  }
+  return hook ? hook(path) : 0;
+}
+
 }  // namespace
+
+void setRemovalFaultHookForTesting(RemovalFaultHook hook) {
+  std::lock_guard<std::mutex> lock(removalHookLock);
+  removalHookSet.store(static_cast<bool>(hook), std::memory_order_release);
+  removalHook() = std::move(hook);
+}
 
 Ref<Error> fileError(int posixError, const String* path, bool writing) {
   auto info = MutableDictionary::make();
@@ -328,6 +356,10 @@ bool FileManager::removeItemAtPath(const String* path, Ref<Error>* error) const 
   while (target.size() > 1 && target.back() == '/') target.pop_back();
   if (target.empty()) {
     setError(error, ENOENT, target, true);
+    return false;
+  }
+  if (int injected = injectedRemovalFailure(target)) {
+    setError(error, injected, target, true);
     return false;
   }
   struct stat st;
