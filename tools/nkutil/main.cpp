@@ -1,79 +1,64 @@
-// nkutil: what a support engineer runs to see the client's environment.
-#include <cstdio>
-#include <cstring>
+// nkutil: what a support engineer or a client developer runs on a user's machine to
+// see and repair the client's environment. Parses the command line and runs the
+// chosen command; without one, it shows the status.
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <exception>
 #include <string>
-#include <string_view>
 
-#include "nk/foundation/format.hpp"
 #include "nk/foundation/version.hpp"
-#include "nk/system/bundle.hpp"
-#include "nk/system/locale.hpp"
-#include "nk/system/process_info.hpp"
-#include "nk/system/xdg_directories.hpp"
+#include "tools/nkutil/commands.hpp"
+#include "tools/nkutil/output.hpp"
 
 namespace {
 
-void printUsage(FILE* out) {
-  std::fputs(
-      "Usage: nkutil [status | --version | --help]\n"
-      "\n"
-      "  status     show what the library can report about this machine (default)\n"
-      "  --version  print the library version\n",
-      out);
-}
-
-std::string text(const nk::Ref<nk::String>& s, const char* absent = "(none)") {
-  return s ? s->utf8() : absent;
-}
-
-const char* directionName(nk::LanguageDirection d) {
-  switch (d) {
-    case nk::LanguageDirection::kLeftToRight:
-      return "left to right";
-    case nk::LanguageDirection::kRightToLeft:
-      return "right to left";
-    case nk::LanguageDirection::kTopToBottom:
-      return "top to bottom";
-    case nk::LanguageDirection::kBottomToTop:
-      return "bottom to top";
-    default:
-      return "unknown";
+// "nkutil format size": the commands the parser had reached.
+std::string commandPath(const CLI::App& app) {
+  std::string path = app.get_name();
+  for (const CLI::App* sub = &app; !sub->get_subcommands().empty();) {
+    sub = sub->get_subcommands().front();
+    path += " " + sub->get_name();
   }
-}
-
-int status() {
-  nk::ProcessInfo* process = nk::ProcessInfo::processInfo();
-  nk::OperatingSystemVersion os = process->operatingSystemVersion();
-  nk::Ref<nk::Bundle> bundle = nk::Bundle::mainBundle();
-  nk::Ref<nk::Locale> locale = nk::Locale::current();
-  nk::Ref<nk::String> language = locale->languageCode();
-
-  std::printf("library version     %s\n", std::string(nk::libraryVersion()).c_str());
-  std::printf("main bundle         %s\n", text(bundle ? bundle->bundlePath() : nullptr).c_str());
-  std::printf("bundle identifier   %s\n",
-              text(bundle ? bundle->bundleIdentifier() : nullptr).c_str());
-  std::printf("system version      %ld.%ld.%ld\n", os.majorVersion, os.minorVersion,
-              os.patchVersion);
-  std::printf("computer name       %s\n", text(process->computerName()).c_str());
-  std::printf("locale              %s (%s)\n", text(locale->localeIdentifier()).c_str(),
-              directionName(nk::Locale::characterDirection(language.get())));
-  std::printf("temporary folder    %s\n", text(nk::temporaryDirectory()).c_str());
-  return 0;
+  return path;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || std::strcmp(argv[1], "status") == 0) return status();
-  if (std::strcmp(argv[1], "--version") == 0) {
-    std::printf("%s\n", std::string(nk::libraryVersion()).c_str());
-    return 0;
+  using namespace nk::cli;
+  CLI::App app("See and repair the environment of the file-sharing client on this machine.",
+               "nkutil");
+  app.set_version_flag("--version", std::string(nk::libraryVersion()),
+                       "Print the library version and exit");
+  app.require_subcommand(0, 1);
+  // Subcommands take the footer the application has when they are added.
+  const std::string exitStatus =
+      "Exit status: 0 done, 1 what was asked about is absent or failed, 2 the command line is "
+      "wrong.";
+  app.footer(exitStatus);
+
+  CommandAction action;
+  addStatusCommand(app, action);
+  addJsonCommand(app, action);
+  addFormatCommands(app, action);
+  addURLCommands(app, action);
+  app.footer("Without a command, nkutil shows the status. " + exitStatus);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    const std::string path = commandPath(app);
+    fail(std::string(e.what()) + " (see " + path + " --help).");
+    return kExitUsage;
   }
-  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
-    printUsage(stdout);
-    return 0;
+
+  try {
+    return action ? action() : runStatus(false);
+  } catch (const std::exception& e) {
+    // What the library raises (a ThrownObject) reads as its reason.
+    return fail(e.what());
   }
-  std::fprintf(stderr, "nkutil: unknown command '%s'.\n", argv[1]);
-  printUsage(stderr);
-  return 2;
 }
