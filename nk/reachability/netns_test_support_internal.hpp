@@ -5,8 +5,12 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -85,10 +89,23 @@ inline SocketAddressBytes socketAddress(const char* text) {
   return address;
 }
 
-// A veth pair, nkr0 (10.77.0.1/24) and its peer nkr1, both up, and the loopback up.
+// Whether link `name` of the calling thread's namespace is running (has its carrier).
+inline bool linkRunning(const char* name) {
+  int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  std::strncpy(request.ifr_name, name, IF_NAMESIZE - 1);
+  bool running =
+      fd >= 0 && ::ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) != 0;
+  if (fd >= 0) ::close(fd);
+  return running;
+}
+
+// A veth pair, nkr0 (10.77.0.1/24) and its peer nkr1, both up, and the loopback up. Returns
+// once nkr0 has its carrier, which the kernel gives it a little after `ip` returns.
 inline bool addVethPair() {
   return ip("link set lo up") && ip("link add nkr0 type veth peer name nkr1") &&
-         ip("addr add 10.77.0.1/24 dev nkr0") && ip("link set nkr0 up") && ip("link set nkr1 up");
+         ip("addr add 10.77.0.1/24 dev nkr0") && ip("link set nkr0 up") && ip("link set nkr1 up") &&
+         eventually([] { return linkRunning("nkr0"); });
 }
 
 }  // namespace nk::reachability_test

@@ -1,5 +1,6 @@
-// The reachability service: a target's flags from route and link look-ups, and per schedule a
-// netlink subscription watched on the run loop, whose bursts are evaluated once they go quiet.
+// The reachability service: a target's flags from remembered route look-ups and the out link's
+// state, and per schedule a netlink subscription watched on the run loop, whose bursts are
+// evaluated once they go quiet.
 #include "nk/reachability/network_reachability_internal.hpp"
 
 #include <linux/rtnetlink.h>
@@ -17,14 +18,14 @@
 
 #include "nk/reachability/host_resolver_internal.hpp"
 #include "nk/reachability/network_manager_internal.hpp"
-#include "nk/reachability/route_netlink_internal.hpp"
+#include "nk/reachability/route_cache_internal.hpp"
 
 namespace nk {
 
 using reachability_internal::ChangeBatch;
 using reachability_internal::IpAddress;
 using reachability_internal::NetworkNamespace;
-using reachability_internal::RouteLookup;
+using reachability_internal::RouteCache;
 using reachability_internal::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
@@ -37,6 +38,13 @@ constexpr auto kLongestDelay = std::chrono::seconds(1);
 // How often a status query may retry a name that did not resolve.
 constexpr auto kResolutionRetry = std::chrono::seconds(5);
 
+// Shared rather than copied, so that a status query does not allocate.
+using Addresses = std::shared_ptr<const std::vector<IpAddress>>;
+
+Addresses addressList(std::vector<IpAddress> addresses) {
+  return std::make_shared<const std::vector<IpAddress>>(std::move(addresses));
+}
+
 // The documentation addresses whose routes stand for "the internet": any destination without
 // a more specific route goes where they go.
 std::vector<IpAddress> internetProbes() {
@@ -44,17 +52,16 @@ std::vector<IpAddress> internetProbes() {
 }
 
 // The flags of one address; nullopt when the kernel could not be asked.
-std::optional<NetworkReachabilityFlags> flagsFor(RouteLookup& lookup, const IpAddress& address) {
-  std::optional<reachability_internal::RouteAnswer> route = lookup.route(address);
-  if (!route) return std::nullopt;
-  if (!route->found || (route->type != RTN_UNICAST && route->type != RTN_LOCAL)) return 0;
-  // A link that vanished between the two questions is as good as down.
-  std::optional<unsigned> link = lookup.linkFlags(route->outInterface);
-  if (!link) return 0;
-  bool loopback = (*link & IFF_LOOPBACK) != 0;
-  if (!(*link & IFF_UP) || !(loopback || (*link & IFF_RUNNING))) return 0;
+std::optional<NetworkReachabilityFlags> flagsFor(RouteCache& routes, const IpAddress& address) {
+  std::optional<reachability_internal::RoutedLink> routed = routes.lookUp(address);
+  if (!routed) return std::nullopt;
+  const reachability_internal::RouteAnswer& route = routed->route;
+  if (!route.found || (route.type != RTN_UNICAST && route.type != RTN_LOCAL)) return 0;
+  unsigned link = routed->linkFlags;
+  bool loopback = (link & IFF_LOOPBACK) != 0;
+  if (!(link & IFF_UP) || !(loopback || (link & IFF_RUNNING))) return 0;
   NetworkReachabilityFlags flags = kNetworkReachabilityFlagsReachable;
-  if (route->type != RTN_LOCAL && !loopback) flags |= reachability_internal::connectivityFlags();
+  if (route.type != RTN_LOCAL && !loopback) flags |= reachability_internal::connectivityFlags();
   return flags;
 }
 
@@ -68,10 +75,10 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
       : kind_(kind),
         name_(std::move(name)),
         space_(kind == Kind::kName ? NetworkNamespace::ofCurrentThread() : nullptr),
-        lookup_(RouteLookup::open()),
-        addresses_(std::move(addresses)) {}
+        routes_(RouteCache::open()),
+        addresses_(addressList(std::move(addresses))) {}
 
-  bool canLookUp() const noexcept { return static_cast<bool>(lookup_); }
+  bool canLookUp() const noexcept { return static_cast<bool>(routes_); }
 
   void setOwner(NetworkReachability* owner) {
     std::lock_guard guard(lock_);
@@ -86,21 +93,21 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
 
   // The target's flags now; nullopt when the kernel could not be asked.
   std::optional<NetworkReachabilityFlags> evaluate() {
-    std::vector<IpAddress> targets;
+    Addresses targets;
     bool retry = false;
     {
       std::lock_guard guard(lock_);
       if (kind_ == Kind::kName) {
-        retry = resolved_ && addresses_.empty() && !resolving_ &&
+        retry = resolved_ && addresses_->empty() && !resolving_ &&
                 Clock::now() - lastResolution_ >= kResolutionRetry;
       }
       targets = addresses_;
     }
     if (retry) resolve();
-    std::lock_guard guard(lookupLock_);
-    bool answered = targets.empty();
-    for (const IpAddress& address : targets) {
-      std::optional<NetworkReachabilityFlags> flags = flagsFor(lookup_, address);
+    std::lock_guard guard(routesLock_);
+    bool answered = targets->empty();
+    for (const IpAddress& address : *targets) {
+      std::optional<NetworkReachabilityFlags> flags = flagsFor(routes_, address);
       if (!flags) continue;
       if (*flags & kNetworkReachabilityFlagsReachable) return flags;
       answered = true;
@@ -211,7 +218,7 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
     bool again;
     {
       std::lock_guard guard(lock_);
-      addresses_ = std::move(found);
+      addresses_ = addressList(std::move(found));
       resolved_ = true;
       resolving_ = false;
       again = resolveAgain_;
@@ -306,11 +313,11 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
   const std::string name_;
   const std::shared_ptr<const NetworkNamespace> space_;
 
-  std::mutex lookupLock_;
-  RouteLookup lookup_;  // guarded by lookupLock_
+  std::mutex routesLock_;
+  RouteCache routes_;  // guarded by routesLock_
 
-  std::mutex lock_;                   // guards everything below
-  std::vector<IpAddress> addresses_;  // for names, those of the last resolution
+  std::mutex lock_;      // guards everything below
+  Addresses addresses_;  // for names, those of the last resolution
   bool resolved_ = false;
   bool resolving_ = false;
   bool resolveAgain_ = false;

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "nk/reachability/netns_test_support_internal.hpp"
 
@@ -16,6 +18,7 @@ using namespace std::chrono_literals;
 using reachability_test::addVethPair;
 using reachability_test::eventually;
 using reachability_test::ip;
+using reachability_test::linkRunning;
 using reachability_test::socketAddress;
 
 constexpr NetworkReachabilityFlags kUnread = 0xdeadbeef;
@@ -123,6 +126,107 @@ TEST(NetworkReachability, CarrierLoss) {
   });
 }
 
+// Reads `handle` without pause, as a client polling would, until link nkr0's running state is
+// `running`; then the flags of the first read after that, or kUnread after a few seconds.
+NetworkReachabilityFlags firstFlagsOnceRunning(bool running,
+                                               const std::unique_ptr<NetworkReachability>& handle) {
+  auto deadline = std::chrono::steady_clock::now() + 3s;
+  while (std::chrono::steady_clock::now() < deadline) {
+    bool now = linkRunning("nkr0");
+    NetworkReachabilityFlags flags = flagsOf(handle);
+    if (now == running) return flags;
+  }
+  return kUnread;
+}
+
+TEST(NetworkReachability, CarrierSeenAtOnce) {
+  NK_IN_NEW_NAMESPACE([] {
+    ASSERT_TRUE(addVethPair());
+    ASSERT_TRUE(ip("route add default via 10.77.0.2"));
+    auto neighbour = target("10.77.0.2");
+    auto internet = target("0.0.0.0");
+    // No run loop runs: the first query after the kernel changes the link's running state must
+    // see it, though the kernel announces the change only later.
+    for (int round = 0; round < 5; ++round) {
+      ASSERT_EQ(flagsOf(internet), kNetworkReachabilityFlagsReachable) << round;
+      ASSERT_TRUE(ip("link set nkr1 down"));
+      EXPECT_EQ(firstFlagsOnceRunning(false, internet), 0u) << round;
+      EXPECT_EQ(flagsOf(neighbour), 0u) << round;
+      ASSERT_TRUE(ip("link set nkr1 up"));
+      EXPECT_EQ(firstFlagsOnceRunning(true, neighbour), kNetworkReachabilityFlagsReachable)
+          << round;
+    }
+  });
+}
+
+TEST(NetworkReachability, RulesAndNextHops) {
+  NK_IN_NEW_NAMESPACE([] {
+    ASSERT_TRUE(addVethPair());
+    ASSERT_TRUE(ip("-6 addr add fd77::1/64 dev nkr0 nodad"));
+    ASSERT_TRUE(ip("route add default via 10.77.0.2"));
+    ASSERT_TRUE(ip("-6 route add default via fd77::2"));
+    // A policy rule hides the default route from the destinations it covers, at once
+    for (const char* family : {"-4", "-6"}) {
+      bool v4 = family[1] == '4';
+      auto probe = target(v4 ? "10.88.1.1" : "2001:db8:88::1");
+      const char* covered = v4 ? "10.88.0.0/16" : "2001:db8:88::/48";
+      ASSERT_EQ(flagsOf(probe), kNetworkReachabilityFlagsReachable) << family;
+      ASSERT_TRUE(ip(std::string(family) + " rule add to " + covered + " prohibit"));
+      EXPECT_EQ(flagsOf(probe), 0u) << family;
+      ASSERT_TRUE(ip(std::string(family) + " rule del to " + covered + " prohibit"));
+      EXPECT_EQ(flagsOf(probe), kNetworkReachabilityFlagsReachable) << family;
+    }
+    // A route through a next-hop object follows what the object becomes
+    {
+      ASSERT_TRUE(ip("nexthop add id 7 via 10.77.0.2 dev nkr0"));
+      ASSERT_TRUE(ip("route add 10.55.0.0/16 nhid 7"));
+      auto probe = target("10.55.0.1");
+      ASSERT_EQ(flagsOf(probe), kNetworkReachabilityFlagsReachable);
+      ASSERT_TRUE(ip("nexthop replace id 7 blackhole"));
+      EXPECT_EQ(flagsOf(probe), 0u);
+      ASSERT_TRUE(ip("nexthop replace id 7 via 10.77.0.2 dev nkr0"));
+      EXPECT_EQ(flagsOf(probe), kNetworkReachabilityFlagsReachable);
+      // and deleting it takes its routes away (without a default route to fall back on)
+      ASSERT_TRUE(ip("route del default via 10.77.0.2"));
+      ASSERT_EQ(flagsOf(probe), kNetworkReachabilityFlagsReachable);
+      ASSERT_TRUE(ip("nexthop del id 7"));
+      EXPECT_EQ(flagsOf(probe), 0u);
+    }
+  });
+}
+
+TEST(NetworkReachability, QueriesFromManyThreads) {
+  NK_IN_NEW_NAMESPACE([] {
+    ASSERT_TRUE(addVethPair());
+    ASSERT_TRUE(ip("route add default via 10.77.0.2"));
+    auto probe = target("10.88.1.1");
+    // One handle read from several threads while its route comes and goes: every read succeeds
+    // with one of the two answers
+    std::atomic<bool> done{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i) {
+      readers.emplace_back([&] {
+        while (!done.load()) {
+          NetworkReachabilityFlags flags = flagsOf(probe);
+          if (flags != 0 && flags != kNetworkReachabilityFlagsReachable) ++bad;
+        }
+      });
+    }
+    for (int round = 0; round < 5; ++round) {
+      ASSERT_TRUE(ip("route add prohibit 10.88.0.0/16"));
+      ASSERT_TRUE(ip("route del prohibit 10.88.0.0/16"));
+    }
+    done = true;
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(bad.load(), 0);
+    // and once the changes stop, every thread reads the last
+    ASSERT_TRUE(ip("route add prohibit 10.88.0.0/16"));
+    EXPECT_EQ(flagsOf(probe), 0u);
+    std::thread([&] { EXPECT_EQ(flagsOf(probe), 0u); }).join();
+  });
+}
+
 TEST(NetworkReachability, RejectingRoutes) {
   NK_IN_NEW_NAMESPACE([] {
     ASSERT_TRUE(addVethPair());
@@ -201,10 +305,18 @@ TEST(NetworkReachability, CallbackPerChange) {
       loop.runUntil([] { return false; }, 300ms);
       EXPECT_EQ(calls.flags.size(), 1u);
     }
+    // A policy rule over the IPv4 probe is a change, and so is its removal
+    {
+      ASSERT_TRUE(ip("rule add to 198.51.100.0/24 prohibit"));
+      ASSERT_TRUE(loop.runUntil([&] { return calls.flags.size() == 2; }, 3s));
+      ASSERT_TRUE(ip("rule del to 198.51.100.0/24 prohibit"));
+      ASSERT_TRUE(loop.runUntil([&] { return calls.flags.size() == 3; }, 3s));
+      EXPECT_EQ(calls.flags, (std::vector<NetworkReachabilityFlags>{2, 0, 2}));
+    }
     // Carrier loss is a change too
     {
       ASSERT_TRUE(ip("link set nkr1 down"));
-      ASSERT_TRUE(loop.runUntil([&] { return calls.flags.size() == 2; }, 3s));
+      ASSERT_TRUE(loop.runUntil([&] { return calls.flags.size() == 4; }, 3s));
       EXPECT_EQ(calls.flags.back(), 0u);
     }
     // Unscheduling from another thread's loop does nothing; from its own it stops the calls
@@ -215,7 +327,7 @@ TEST(NetworkReachability, CallbackPerChange) {
       EXPECT_TRUE(internet->unscheduleFromRunLoop(loop));
       ASSERT_TRUE(ip("link set nkr1 up"));
       loop.runUntil([] { return false; }, 300ms);
-      EXPECT_EQ(calls.flags.size(), 2u);
+      EXPECT_EQ(calls.flags.size(), 4u);
       EXPECT_FALSE(internet->unscheduleFromRunLoop(loop));
     }
   });

@@ -1,11 +1,12 @@
-// Routing-netlink requests and answers: RTM_GETROUTE for one destination, RTM_GETLINK for one
-// link, and the multicast groups that announce changes.
+// Routing-netlink requests and answers: RTM_GETROUTE for one destination, the multicast groups
+// that announce changes, and a link's name and flags through the interface ioctls, which are
+// cheaper than a link message and need no lock of the kernel's.
 #include "nk/reachability/route_netlink_internal.hpp"
 
 #include <arpa/inet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,8 +15,15 @@
 namespace nk::reachability_internal {
 namespace {
 
-// Room for any single answer we ask for: a route, or a link without its statistics.
+// Room for a route answer or any announcement but the rare oversized link message, which is
+// counted as a change all the same.
 constexpr size_t kAnswerCapacity = 8192;
+// The groups announcing whatever can alter a route look-up's answer: links (state, names),
+// addresses (with their local and prefix routes), routes, policy rules and next-hop objects.
+constexpr uint32_t groupBit(unsigned group) { return 1u << (group - 1); }
+constexpr uint32_t kChangeGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
+                                   RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_RULE |
+                                   groupBit(RTNLGRP_IPV6_RULE) | groupBit(RTNLGRP_NEXTHOP);
 // A burst of changes (an interface with many addresses going away) must fit, or we overrun.
 constexpr int kSubscriptionBuffer = 1 << 20;
 
@@ -32,6 +40,17 @@ void appendAttribute(nlmsghdr* message, unsigned short type, const void* data, s
 int errorOf(const nlmsghdr* answer) {
   if (answer->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return -EPROTO;
   return static_cast<const nlmsgerr*>(NLMSG_DATA(answer))->error;
+}
+
+// A netlink socket subscribed to kChangeGroups; an empty one when the kernel refused.
+UniqueFd openSubscribed(int flags) {
+  UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | flags, NETLINK_ROUTE));
+  if (!fd) return fd;
+  sockaddr_nl local{};
+  local.nl_family = AF_NETLINK;
+  local.nl_groups = kChangeGroups;
+  if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) return UniqueFd();
+  return fd;
 }
 
 }  // namespace
@@ -94,8 +113,13 @@ bool IpAddress::isZero() const noexcept {
 
 RouteLookup RouteLookup::open() {
   RouteLookup lookup;
-  lookup.fd_ = UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  lookup.fd_ = openSubscribed(0);
   return lookup;
+}
+
+bool RouteLookup::takeChanges() {
+  bool changed = std::exchange(changed_, false);
+  return drainChanges(fd_.get()) != ChangeBatch::kNone || changed;
 }
 
 ssize_t RouteLookup::exchange(void* request, size_t length, void* buffer, size_t capacity) {
@@ -107,11 +131,19 @@ ssize_t RouteLookup::exchange(void* request, size_t length, void* buffer, size_t
                sizeof kernel) != static_cast<ssize_t>(length)) {
     return -1;
   }
-  // The kernel queues its answer before sendto returns; anything else waiting is the
-  // leftover of an earlier question that failed half-way.
+  // The kernel queues its answer before sendto returns; anything else waiting is an
+  // announcement, which may concern a change our answer missed, or the leftover of an earlier
+  // question that failed half-way.
   for (;;) {
-    ssize_t n = ::recv(fd_.get(), buffer, capacity, MSG_DONTWAIT | MSG_TRUNC);
+    sockaddr_nl from{};
+    socklen_t fromLength = sizeof from;
+    ssize_t n = ::recvfrom(fd_.get(), buffer, capacity, MSG_DONTWAIT | MSG_TRUNC,
+                           reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (n < 0 && errno == EINTR) continue;
+    if ((n < 0 && errno == ENOBUFS) || (n >= 0 && from.nl_groups != 0)) {
+      changed_ = true;
+      continue;
+    }
     if (n < static_cast<ssize_t>(sizeof(nlmsghdr)) || static_cast<size_t>(n) > capacity) return -1;
     auto* answer = static_cast<const nlmsghdr*>(buffer);
     if (answer->nlmsg_seq == sequence_ && NLMSG_OK(answer, static_cast<size_t>(n))) return n;
@@ -161,50 +193,34 @@ std::optional<RouteAnswer> RouteLookup::route(const IpAddress& destination) {
       uint32_t index;
       std::memcpy(&index, RTA_DATA(a), sizeof index);
       result.outInterface = static_cast<int>(index);
-    } else if (a->rta_type == RTA_GATEWAY || a->rta_type == RTA_VIA) {
-      result.viaGateway = true;
     }
   }
   return result;
 }
 
-std::optional<unsigned> RouteLookup::linkFlags(int index) {
-  if (!fd_ || index <= 0) return std::nullopt;
-  alignas(nlmsghdr) char request[NLMSG_SPACE(sizeof(ifinfomsg)) + RTA_SPACE(sizeof(uint32_t))] = {};
-  auto* header = reinterpret_cast<nlmsghdr*>(request);
-  header->nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg));
-  header->nlmsg_type = RTM_GETLINK;
-  header->nlmsg_flags = NLM_F_REQUEST;
-  auto* message = static_cast<ifinfomsg*>(NLMSG_DATA(header));
-  message->ifi_family = AF_UNSPEC;
-  message->ifi_index = index;
-  // The statistics are most of a link's answer and we only want its flags.
-  uint32_t mask = RTEXT_FILTER_SKIP_STATS;
-  appendAttribute(header, IFLA_EXT_MASK, &mask, sizeof mask);
+bool RouteLookup::linkName(int index, char (&name)[IF_NAMESIZE]) {
+  ifreq request{};
+  request.ifr_ifindex = index;
+  if (!fd_ || index <= 0 || ::ioctl(fd_.get(), SIOCGIFNAME, &request) != 0) return false;
+  std::memcpy(name, request.ifr_name, IF_NAMESIZE);
+  return true;
+}
 
-  alignas(nlmsghdr) char buffer[kAnswerCapacity];
-  ssize_t n = exchange(request, header->nlmsg_len, buffer, sizeof buffer);
-  if (n < 0) return std::nullopt;
-  auto* answer = reinterpret_cast<const nlmsghdr*>(buffer);
-  if (answer->nlmsg_type != RTM_NEWLINK || answer->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) {
-    return std::nullopt;
-  }
-  return static_cast<const ifinfomsg*>(NLMSG_DATA(answer))->ifi_flags;
+std::optional<unsigned> RouteLookup::linkFlags(const char (&name)[IF_NAMESIZE]) {
+  ifreq request{};
+  std::memcpy(request.ifr_name, name, IF_NAMESIZE);
+  if (!fd_ || ::ioctl(fd_.get(), SIOCGIFFLAGS, &request) != 0) return std::nullopt;
+  return static_cast<unsigned short>(request.ifr_flags);
 }
 
 UniqueFd openChangeSubscription() {
-  UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
+  UniqueFd fd = openSubscribed(SOCK_NONBLOCK);
   if (!fd) return fd;
   int size = kSubscriptionBuffer;
   // Root may go beyond rmem_max; others get what the limit allows.
   if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
     ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
   }
-  sockaddr_nl local{};
-  local.nl_family = AF_NETLINK;
-  local.nl_groups =
-      RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-  if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) return UniqueFd();
   return fd;
 }
 

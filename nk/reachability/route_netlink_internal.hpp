@@ -1,8 +1,9 @@
 // The kernel's routing netlink as the reachability service uses it: route and link look-ups
-// on a socket of their own, and a socket subscribed to link, address and route changes.
-// Sockets answer for the network namespace of the thread that opened them.
+// on a socket of their own, and sockets subscribed to the changes that can alter a route
+// look-up's answer. Sockets answer for the network namespace of the thread that opened them.
 #pragma once
 
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -49,25 +50,29 @@ struct IpAddress {
 
 // What the kernel's route look-up for one destination says.
 struct RouteAnswer {
-  bool found = false;       // false: no route, or a prohibit, blackhole or unreachable one
-  uint8_t type = 0;         // RTN_UNICAST, RTN_LOCAL, ... when found
-  int outInterface = 0;     // the out link's index, 0 when the answer named none
-  bool viaGateway = false;  // the route goes through a gateway
+  bool found = false;    // false: no route, or a prohibit, blackhole or unreachable one
+  uint8_t type = 0;      // RTN_UNICAST, RTN_LOCAL, ... when found
+  int outInterface = 0;  // the out link's index, 0 when the answer named none
 };
 
-// A socket for route and link look-ups. Not thread-safe: callers serialise.
+// A socket for route and link look-ups that also hears of changes, so that its owner can tell
+// whether an earlier answer may still hold. Not thread-safe: callers serialise.
 class RouteLookup {
  public:
   // Opens the socket; an empty RouteLookup (false) when the kernel refused.
   static RouteLookup open();
   explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
 
+  // Whether a change was announced (or announcements were lost) since the last call; reads
+  // every announcement waiting.
+  bool takeChanges();
   // The route the kernel would use to send to `destination`; nullopt when the question
   // itself failed (a socket error, an unexpected answer).
   std::optional<RouteAnswer> route(const IpAddress& destination);
-  // The interface flags (IFF_*) of link `index`; nullopt when there is no such link or the
-  // question failed.
-  std::optional<unsigned> linkFlags(int index);
+  // The name of link `index` into `name`; false when there is no such link.
+  bool linkName(int index, char (&name)[IF_NAMESIZE]);
+  // The interface flags (IFF_*) of the link called `name` now; nullopt when there is none.
+  std::optional<unsigned> linkFlags(const char (&name)[IF_NAMESIZE]);
 
  private:
   // Sends one request and reads the answer with the same sequence number into `buffer`.
@@ -76,10 +81,11 @@ class RouteLookup {
 
   UniqueFd fd_;
   uint32_t sequence_ = 0;
+  bool changed_ = false;  // an announcement was read while waiting for an answer
 };
 
-// A non-blocking socket subscribed to link, IPv4/IPv6 address and IPv4/IPv6 route changes;
-// an empty one when the kernel refused.
+// A non-blocking socket subscribed to the changes that can alter a route look-up's answer
+// (links, addresses, routes, rules and next hops); an empty one when the kernel refused.
 UniqueFd openChangeSubscription();
 
 enum class ChangeBatch { kNone, kChanges, kOverrun };
