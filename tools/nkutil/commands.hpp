@@ -22,6 +22,14 @@ void addJsonCommand(CLI::App& app, CommandAction& action);
 void addFormatCommands(CLI::App& app, CommandAction& action);
 // nkutil url query | authority | append URL ...
 void addURLCommands(CLI::App& app, CommandAction& action);
+// nkutil paths [--group ID] [--json]
+void addPathsCommand(CLI::App& app, CommandAction& action);
+// nkutil cache clear [SUBFOLDER] | cache sweep | logs clear, each [--dry-run]
+void addUpkeepCommands(CLI::App& app, CommandAction& action);
+// nkutil secret [--backend NAME] get | set | delete KEY ...
+void addSecretCommands(CLI::App& app, CommandAction& action);
+// nkutil reach [TARGET] [--watch] [--json]
+void addReachCommand(CLI::App& app, CommandAction& action);
 
 // The work of `nkutil status`, which is also what nkutil does without a command.
 int runStatus(bool json);

@@ -1,9 +1,6 @@
 // nkutil json: reads JSON with the library's reader and writes it back with its
 // writer, so people see what the client would make of a document.
 #include <CLI/App.hpp>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +10,7 @@
 #include "nk/foundation/json_writer.hpp"
 #include "tools/nkutil/commands.hpp"
 #include "tools/nkutil/output.hpp"
+#include "tools/nkutil/read_input.hpp"
 
 namespace nk::cli {
 
@@ -24,31 +22,14 @@ struct JsonOptions {
   std::string file;  // empty or "-": standard input
 };
 
-// Everything `in` holds; nullopt (errno set) when reading fails.
-std::optional<std::vector<uint8_t>> readAll(FILE* in) {
-  std::vector<uint8_t> bytes;
-  uint8_t buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0)
-    bytes.insert(bytes.end(), buffer, buffer + n);
-  if (std::ferror(in)) return std::nullopt;
-  return bytes;
-}
-
 int runJson(const JsonOptions& options) {
-  const bool fromStdin = options.file.empty() || options.file == "-";
-  const std::string name = fromStdin ? "standard input" : options.file;
-  FILE* in = fromStdin ? stdin : std::fopen(options.file.c_str(), "rb");
-  if (!in) return fail("Cannot open " + name + ": " + std::strerror(errno) + ".");
-  std::optional<std::vector<uint8_t>> bytes = readAll(in);
-  const int readErrno = errno;
-  if (!fromStdin) std::fclose(in);
-  if (!bytes) return fail("Cannot read " + name + ": " + std::strerror(readErrno) + ".");
+  std::optional<std::vector<uint8_t>> bytes = readInput(options.file);
+  if (!bytes) return kExitFailed;
 
   // A lone value ("3", "\"text\"") is a document people pass too.
   Ref<Error> error;
   Id object = readJSON(*bytes, kJSONReadingFragmentsAllowed, &error);
-  if (!object) return fail(name + ": " + error->localizedDescription()->utf8());
+  if (!object) return fail(inputName(options.file) + ": " + error->localizedDescription()->utf8());
 
   unsigned writing = kJSONWritingFragmentsAllowed;
   if (options.pretty) writing |= kJSONWritingPrettyPrinted;

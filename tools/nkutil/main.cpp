@@ -43,6 +43,10 @@ int main(int argc, char** argv) {
   addJsonCommand(app, action);
   addFormatCommands(app, action);
   addURLCommands(app, action);
+  addPathsCommand(app, action);
+  addUpkeepCommands(app, action);
+  addSecretCommands(app, action);
+  addReachCommand(app, action);
   app.footer("Without a command, nkutil shows the status. " + exitStatus);
 
   try {

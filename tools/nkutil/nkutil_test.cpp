@@ -2,6 +2,7 @@
 // bundle and machine name, and checks what it prints and how it exits.
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,7 +10,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -23,10 +30,12 @@
 namespace nk {
 namespace {
 
+using test::exists;
 using test::TempDir;
 using test::writeFile;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 
 struct Outcome {
   int exitCode = -1;
@@ -38,7 +47,7 @@ struct Outcome {
 void drain(int outFd, int errFd, Outcome& outcome) {
   pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
   std::string* sinks[2] = {&outcome.out, &outcome.err};
-  int open = 2;
+  int open = (outFd >= 0) + (errFd >= 0);
   while (open > 0 && ::poll(fds, 2, -1) > 0) {
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || !fds[i].revents) continue;
@@ -78,12 +87,21 @@ class Nkutil : public ::testing::Test {
     env_.push_back(name + "=" + value);
   }
 
-  Outcome run(std::vector<std::string> args, const std::string& input = "/dev/null") const {
+  // A started nkutil, its output not read yet.
+  struct Started {
+    pid_t pid = -1;
+    int out = -1;
+    int err = -1;
+  };
+
+  // With `terminal`, standard error goes there instead of to a pipe.
+  Started start(std::vector<std::string> args, const std::string& input = "/dev/null",
+                int terminal = -1) const {
     const char* binary = std::getenv("NKUTIL");
-    Outcome outcome;
+    Started started;
     if (!binary) {
       ADD_FAILURE() << "NKUTIL must name the nkutil program (CTest sets it)";
-      return outcome;
+      return started;
     }
     args.insert(args.begin(), binary);
     std::vector<char*> argv;
@@ -97,16 +115,15 @@ class Nkutil : public ::testing::Test {
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
       ADD_FAILURE() << "pipe2 failed";
-      return outcome;
+      return started;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    posix_spawn_file_actions_adddup2(&actions, terminal >= 0 ? terminal : err[1], 2);
     posix_spawn_file_actions_addchdir_np(&actions, home_.path().c_str());
-    pid_t pid = -1;
-    int spawned = ::posix_spawn(&pid, binary, &actions, nullptr, argv.data(), envp.data());
+    int spawned = ::posix_spawn(&started.pid, binary, &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     ::close(err[1]);
@@ -114,13 +131,30 @@ class Nkutil : public ::testing::Test {
       ::close(out[0]);
       ::close(err[0]);
       ADD_FAILURE() << "cannot start " << binary;
-      return outcome;
+      started.pid = -1;
+      return started;
     }
-    drain(out[0], err[0], outcome);
+    started.out = out[0];
+    started.err = err[0];
+    if (terminal >= 0) {
+      ::close(started.err);
+      started.err = -1;
+    }
+    return started;
+  }
+
+  // Reads what is left of the output and waits for the exit.
+  static Outcome finish(const Started& started, Outcome outcome = {}) {
+    if (started.pid < 0) return outcome;
+    drain(started.out, started.err, outcome);
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    ::waitpid(started.pid, &status, 0);
     outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return outcome;
+  }
+
+  Outcome run(std::vector<std::string> args, const std::string& input = "/dev/null") const {
+    return finish(start(std::move(args), input));
   }
 
   // The JSON nkutil printed, read back with the library's reader.
@@ -152,6 +186,15 @@ class Nkutil : public ::testing::Test {
     if (!value || !*value) return "<absent>";
     if (auto text = cast<String>(*value)) return text->utf8();
     return (*value)->description()->utf8();
+  }
+
+  // The Library and the cache of the planted bundle's identifier.
+  std::string library() const { return home_ / ".local/share/com.example.files.beta"; }
+  std::string cache() const { return home_ / ".cache/com.example.files.beta"; }
+
+  static Ref<Dictionary> dictionaryAt(const Id& report, const char* key) {
+    auto dict = cast<Dictionary>(report);
+    return dict ? cast<Dictionary>(dict->objectForKey(String::fromUTF8(key).get())) : nullptr;
   }
 
   TempDir home_;
@@ -294,6 +337,300 @@ TEST_F(Nkutil, FailuresExitOneWithOneSentence) {
   }
 }
 
+TEST_F(Nkutil, StatusShowsStorageRootsSecretStoreAndInternet) {
+  writeFile(library() + "/Private Documents/u1/a.bin", std::string(1000, 'a'));
+  writeFile(library() + "/Private Documents/b.bin", std::string(500, 'b'));
+  ::symlink("/etc/passwd", (library() + "/Private Documents/link").c_str());
+  setEnv("NK_KEYCHAIN_BACKEND", "file");
+
+  Outcome text = run({"status"});
+  ASSERT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_EQ(line(text.out, "legacy root"), library() + "/Private Documents (2 KB)");
+  EXPECT_EQ(line(text.out, "file provider root"), library() + "/File Provider Storage (missing)");
+  EXPECT_EQ(line(text.out, "secret store"), "file at " + library().substr(0, library().rfind('/')) +
+                                                "/nkutils/keychain, as NK_KEYCHAIN_BACKEND=file");
+  EXPECT_EQ(line(text.out, "secret store answers"), "yes");
+  EXPECT_THAT(line(text.out, "internet"), MatchesRegex("reachable|not reachable.*"));
+  // Looking does not make the roots.
+  EXPECT_FALSE(exists(library() + "/File Provider Storage"));
+
+  Id report = parsed(run({"status", "--json"}));
+  Ref<Dictionary> legacy = dictionaryAt(report, "legacyRoot");
+  ASSERT_TRUE(legacy);
+  // The link counts as an entry of its own, never as what it points to.
+  EXPECT_EQ(field(legacy, "bytes"), "1500");
+  EXPECT_EQ(legacy->objectForKey(NK_STR("exists")).get(), Number::yes());
+  EXPECT_EQ(dictionaryAt(report, "fpLogsRoot")->objectForKey(NK_STR("exists")).get(), Number::no());
+  EXPECT_EQ(field(dictionaryAt(report, "secretStore"), "backend"), "file");
+  Ref<Dictionary> internet = dictionaryAt(report, "internet");
+  ASSERT_TRUE(internet);
+  EXPECT_TRUE(cast<Number>(internet->objectForKey(NK_STR("reachable"))));
+
+  // Without a choice and without a session bus, the file store, saying why.
+  setEnv("NK_KEYCHAIN_BACKEND", "");
+  EXPECT_EQ(field(dictionaryAt(parsed(run({"status", "--json"})), "secretStore"), "reason"),
+            "there is no session bus");
+}
+
+TEST_F(Nkutil, PathsShowTheLayoutForEachInstance) {
+  {  // the Library base, in text and JSON alike
+    Outcome text = run({"paths"});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_EQ(line(text.out, "legacy base"), library());
+    EXPECT_EQ(line(text.out, "legacy root"), library() + "/Private Documents");
+    EXPECT_EQ(line(text.out, "file provider root"), library() + "/File Provider Storage");
+    EXPECT_EQ(line(text.out, "DP logs root"), library() + "/DPLogs");
+    EXPECT_EQ(line(text.out, "FP logs root"), library() + "/FPLogs");
+    EXPECT_EQ(line(text.out, "cache"), cache());
+    EXPECT_EQ(line(text.out, "download queue"), cache() + "/download/Queue");
+    EXPECT_EQ(line(text.out, "logs to upload"), library() + "/LogsToUpload");
+    EXPECT_EQ(line(text.out, "Documents"), home_ / "Documents");
+    EXPECT_EQ(line(text.out, "wrapped-app logs"), home_ / "Documents/VelmontLogs");
+    Id json = parsed(run({"paths", "--json"}));
+    EXPECT_EQ(field(json, "fileProviderRoot"), library() + "/File Provider Storage");
+    EXPECT_EQ(field(json, "logs"), library() + "/Logs");
+  }
+  {  // a group moves every instance into its container; XDG_DATA_HOME moves the container
+    setEnv("XDG_DATA_HOME", home_ / "data");
+    Outcome text = run({"paths", "--group", "group.example.files"});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    const std::string container = home_ / "data/group-containers/group.example.files";
+    EXPECT_EQ(line(text.out, "legacy base"), container);
+    EXPECT_EQ(line(text.out, "FP logs root"), container + "/FPLogs");
+    EXPECT_EQ(line(text.out, "Library"), home_ / "data/com.example.files.beta");
+  }
+  {  // a group that cannot name a folder has no container
+    Outcome bad = run({"paths", "--group", "../escape"});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_THAT(bad.err, HasSubstr("\"../escape\" cannot name an application group"));
+  }
+}
+
+// Plants a cache with nested folders, a hidden file, enough files for a progress bar,
+// and a link to a folder outside that must survive every clearing.
+class NkutilUpkeep : public Nkutil {
+ protected:
+  NkutilUpkeep() {
+    writeFile(cache() + "/download/Queue/item", "queued");
+    writeFile(cache() + "/images/a.png", std::string(2000, 'p'));
+    writeFile(cache() + "/.hidden", "h");
+    for (int i = 0; i < 600; ++i) writeFile(cache() + "/many/" + std::to_string(i), "x");
+    writeFile(outside_ + "/keep", "precious");
+    ::symlink(outside_.c_str(), (cache() + "/outside").c_str());
+  }
+
+  const std::string outside_ = home_ / "outside";
+};
+
+TEST_F(NkutilUpkeep, DryRunListsAndRemovesNothing) {
+  Outcome o = run({"cache", "clear", "--dry-run"});
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_EQ(o.err, "");
+  for (const char* entry :
+       {"/.hidden  (1 byte)", "/download  (6 bytes, 3 entries)", "/images  (2 KB, 2 entries)",
+        "/many  (600 bytes, 601 entries)", "/outside  (Zero KB)"}) {
+    EXPECT_THAT(o.out, HasSubstr(cache() + entry + "\n")) << entry;
+  }
+  EXPECT_THAT(o.out, HasSubstr("\nWould remove 608 entries (3 KB) from " + cache()));
+  EXPECT_TRUE(exists(cache() + "/many/599"));
+  EXPECT_TRUE(exists(cache() + "/download/Queue/item"));
+
+  Outcome logs = run({"logs", "clear", "--dry-run"});
+  ASSERT_EQ(logs.exitCode, 0) << logs.err;
+  EXPECT_EQ(logs.out, "Would remove 0 entries (Zero KB) from " + library() + "/LogsToUpload.\n");
+}
+
+TEST_F(NkutilUpkeep, ClearRemovesEverythingButFollowsNoLink) {
+  Outcome o = run({"cache", "clear"});
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_EQ(o.out, "Removed 608 entries (3 KB) from " + cache() + ".\n");
+  // Many entries, but standard error is no terminal: no progress bar.
+  EXPECT_EQ(o.err, "");
+  EXPECT_TRUE(std::filesystem::is_empty(cache()));
+  EXPECT_TRUE(exists(outside_ + "/keep"));
+}
+
+TEST_F(NkutilUpkeep, ProgressBarOnATerminal) {
+  int terminal = -1, follower = -1;
+  ASSERT_EQ(::openpty(&terminal, &follower, nullptr, nullptr, nullptr), 0);
+  Outcome o = finish(start({"cache", "clear"}, "/dev/null", follower));
+  ::close(follower);
+  std::string shown;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, n);
+  ::close(terminal);
+  ASSERT_EQ(o.exitCode, 0);
+  EXPECT_EQ(o.out, "Removed 608 entries (3 KB) from " + cache() + ".\n");
+  EXPECT_THAT(shown,
+              HasSubstr("\r[........................................]   0%  0 of 608 entries"));
+  EXPECT_THAT(shown,
+              HasSubstr("\r[########################################] 100%  608 of 608 entries"));
+
+  // Few entries: no bar, even on a terminal.
+  writeFile(cache() + "/one", "1");
+  ASSERT_EQ(::openpty(&terminal, &follower, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(finish(start({"cache", "clear"}, "/dev/null", follower)).exitCode, 0);
+  ::close(follower);
+  EXPECT_LE(::read(terminal, buffer, sizeof buffer), 0);  // nothing written, the other end gone
+  ::close(terminal);
+}
+
+TEST_F(NkutilUpkeep, WhatCannotBeRemovedIsNamed) {
+  // A mount point cannot be removed, even by root: mount one in a namespace of this
+  // test's own, which nkutil inherits.
+  const std::string busy = cache() + "/busy";
+  std::filesystem::create_directories(busy);
+  if (::unshare(CLONE_NEWNS) != 0 ||
+      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      ::mount("tmpfs", busy.c_str(), "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "mounting needs root";
+  }
+  writeFile(busy + "/inside", "gone");
+
+  Outcome clear = run({"cache", "clear"});
+  EXPECT_EQ(clear.exitCode, 1);
+  EXPECT_EQ(clear.out, "Removed 608 entries (3 KB) from " + cache() + ".\nCould not remove " +
+                           busy + "  (Zero KB).\n");
+  EXPECT_EQ(clear.err, "nkutil: 1 of 6 entries could not be removed.\n");
+  EXPECT_FALSE(exists(busy + "/inside"));
+
+  // The sweep retries, then gives up the same way.
+  writeFile(busy + "/inside", "gone");
+  writeFile(cache() + "/new", "n");
+  Outcome sweep = run({"cache", "sweep"});
+  EXPECT_EQ(sweep.exitCode, 1);
+  EXPECT_EQ(sweep.out, "Removed 1 entry (1 byte) from " + cache() + ".\nCould not remove " + busy +
+                           "  (Zero KB).\n");
+  EXPECT_EQ(sweep.err, "nkutil: 1 of 2 entries could not be removed.\n");
+  EXPECT_FALSE(exists(busy + "/inside"));
+  ::umount(busy.c_str());
+}
+
+TEST_F(NkutilUpkeep, ClearOneSubfolderLeavesTheRest) {
+  Outcome o = run({"cache", "clear", "download"});
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_EQ(o.out, "Removed 2 entries (6 bytes) from " + cache() + "/download.\n");
+  EXPECT_TRUE(exists(cache() + "/download"));
+  EXPECT_FALSE(exists(cache() + "/download/Queue"));
+  EXPECT_TRUE(exists(cache() + "/images/a.png"));
+
+  // A subfolder that is a link is not followed: nothing goes.
+  Outcome link = run({"cache", "clear", "outside"});
+  ASSERT_EQ(link.exitCode, 0) << link.err;
+  EXPECT_EQ(link.out, "Removed 0 entries (Zero KB) from " + cache() + "/outside.\n");
+  EXPECT_TRUE(exists(outside_ + "/keep"));
+}
+
+TEST_F(NkutilUpkeep, SweepAndLogsClear) {
+  Outcome sweep = run({"cache", "sweep"});
+  ASSERT_EQ(sweep.exitCode, 0) << sweep.err;
+  EXPECT_EQ(sweep.out, "Removed 608 entries (3 KB) from " + cache() + ".\n");
+  EXPECT_TRUE(std::filesystem::is_empty(cache()));
+  EXPECT_TRUE(exists(outside_ + "/keep"));
+
+  writeFile(library() + "/LogsToUpload/2026-11-21.log", "log line\n");
+  writeFile(library() + "/LogsToUpload/old/1.log", "");
+  writeFile(library() + "/Logs/current.log", "stays");
+  Outcome logs = run({"logs", "clear"});
+  ASSERT_EQ(logs.exitCode, 0) << logs.err;
+  EXPECT_EQ(logs.out, "Removed 3 entries (9 bytes) from " + library() + "/LogsToUpload.\n");
+  EXPECT_TRUE(std::filesystem::is_empty(library() + "/LogsToUpload"));
+  EXPECT_TRUE(exists(library() + "/Logs/current.log"));
+}
+
+TEST_F(Nkutil, SecretsRoundTripThroughTheFileStore) {
+  {  // text, chosen with --backend before or after the subcommand
+    EXPECT_EQ(run({"secret", "--backend", "file", "set", "token", "s3cret value"}).exitCode, 0);
+    Outcome got = run({"secret", "get", "token", "--backend", "file"});
+    ASSERT_EQ(got.exitCode, 0) << got.err;
+    EXPECT_EQ(got.out, "s3cret value\n");
+    EXPECT_EQ(run({"secret", "--backend", "file", "get", "--json", "token"}).out,
+              "\"s3cret value\"\n");
+  }
+  // The file store keeps its files to the user alone.
+  struct stat st {};
+  ASSERT_EQ(::stat((home_ / ".local/share/nkutils/keychain").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  setEnv("NK_KEYCHAIN_BACKEND", "file");
+  {  // JSON comes back as the same objects; setting again replaces
+    const std::string doc = "{\"user\":\"ana\",\"ids\":[1,2.5,true]}";
+    ASSERT_EQ(run({"secret", "set", "token", "--from-json", doc}).exitCode, 0);
+    EXPECT_EQ(run({"secret", "get", "token", "--json"}).out, doc + "\n");
+  }
+  {  // a file's bytes come back whole, zero bytes included
+    const std::string bytes("\x00\x01\xFFkey\n", 6);
+    writeFile(home_ / "key.bin", bytes);
+    ASSERT_EQ(run({"secret", "set", "blob", "--from-file", home_ / "key.bin"}).exitCode, 0);
+    EXPECT_EQ(run({"secret", "get", "blob"}).out, bytes);
+    ASSERT_EQ(run({"secret", "set", "piped", "--from-file", "-"}, home_ / "key.bin").exitCode, 0);
+    EXPECT_EQ(run({"secret", "get", "piped"}).out, bytes);
+  }
+  {  // delete, then it is absent
+    EXPECT_EQ(run({"secret", "delete", "token"}).exitCode, 0);
+    Outcome gone = run({"secret", "get", "token"});
+    EXPECT_EQ(gone.exitCode, 1);
+    EXPECT_EQ(gone.out, "");
+    EXPECT_THAT(gone.err, HasSubstr("No secret is kept under \"token\""));
+    EXPECT_EQ(run({"secret", "delete", "token"}).exitCode, 1);
+    EXPECT_EQ(run({"secret", "get", "blob"}).exitCode, 0);
+  }
+  {  // bad JSON is refused with the reader's reason
+    Outcome bad = run({"secret", "set", "k", "--from-json", "{\"a\":"});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_THAT(bad.err, HasSubstr("The JSON value: "));
+  }
+}
+
+TEST_F(Nkutil, SecretsNeedABundleIdentifier) {
+  writeFile(bundle_ + "/Info.plist", "not a property list");
+  setEnv("NK_KEYCHAIN_BACKEND", "file");
+  for (const auto& args : {std::vector<std::string>{"secret", "set", "k", "v"},
+                           std::vector<std::string>{"secret", "get", "k"},
+                           std::vector<std::string>{"secret", "delete", "k"}}) {
+    Outcome o = run(args);
+    EXPECT_EQ(o.exitCode, 1) << args[1];
+    EXPECT_THAT(o.err, HasSubstr("There is no main bundle identifier")) << args[1];
+  }
+  EXPECT_FALSE(exists(home_ / ".local/share/nkutils/keychain"));
+}
+
+TEST_F(Nkutil, ReachOnLoopback) {
+  {  // an address, then a name, in text and JSON
+    Outcome text = run({"reach", "127.0.0.1"});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_EQ(line(text.out, "target"), "address 127.0.0.1");
+    EXPECT_EQ(line(text.out, "status"), "reachable");
+    EXPECT_EQ(line(text.out, "connection required"), "no");
+    Id json = parsed(run({"reach", "--json", "localhost"}));
+    EXPECT_EQ(field(json, "target"), "host localhost");
+    EXPECT_EQ(cast<Dictionary>(json)->objectForKey(NK_STR("reachable")).get(), Number::yes());
+  }
+  {  // a name that cannot resolve is not reachable: exit 1, the answer still printed
+    Outcome o = run({"reach", "no-such-host.invalid"});
+    EXPECT_EQ(o.exitCode, 1);
+    EXPECT_EQ(line(o.out, "status"), "not reachable");
+    EXPECT_EQ(o.err, "");
+  }
+  {  // --watch prints the answer now and ends cleanly when interrupted
+    Started watching = start({"reach", "--watch", "--json", "127.0.0.1"});
+    ASSERT_GT(watching.pid, 0);
+    Outcome first;
+    pollfd ready{watching.out, POLLIN, 0};
+    ASSERT_EQ(::poll(&ready, 1, 10'000), 1);
+    char buffer[512];
+    ssize_t n = ::read(watching.out, buffer, sizeof buffer);
+    ASSERT_GT(n, 0);
+    first.out.assign(buffer, static_cast<size_t>(n));
+    ::kill(watching.pid, SIGINT);
+    Outcome all = finish(watching, first);
+    EXPECT_EQ(all.exitCode, 0) << all.err;
+    EXPECT_EQ(all.err, "");
+    EXPECT_THAT(all.out, MatchesRegex("\\{\"time\":\"[-0-9T:+]+\",\"reachable\":true,"
+                                      "\"connectionRequired\":false\\}\n"));
+  }
+}
+
 TEST_F(Nkutil, UsageErrorsExitTwo) {
   const std::vector<std::string> cases[] = {
       {"frobnicate"},
@@ -305,6 +642,16 @@ TEST_F(Nkutil, UsageErrorsExitTwo) {
       {"url", "append", "https://h.example/"},
       {"url", "append", "https://h.example/", "novalue"},
       {"json", "a.json", "b.json"},
+      {"paths", "--group"},
+      {"cache"},
+      {"cache", "clear", ".."},
+      {"cache", "clear", "download/../.."},
+      {"logs", "clear", "extra"},
+      {"secret", "get"},
+      {"secret", "set", "k"},
+      {"secret", "set", "k", "v", "--from-json", "1"},
+      {"secret", "--backend", "vault", "get", "k"},
+      {"reach", "a.example", "b.example"},
   };
   for (const auto& args : cases) {
     Outcome o = run(args);
@@ -327,6 +674,15 @@ TEST_F(Nkutil, EveryCommandHasHelp) {
       {"url", "query"},
       {"url", "authority"},
       {"url", "append"},
+      {"paths"},
+      {"cache", "clear"},
+      {"cache", "sweep"},
+      {"logs", "clear"},
+      {"secret"},
+      {"secret", "get"},
+      {"secret", "set"},
+      {"secret", "delete"},
+      {"reach"},
   };
   for (auto args : commands) {
     args.push_back("--help");

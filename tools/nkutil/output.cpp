@@ -10,6 +10,7 @@
 #include "nk/foundation/null.hpp"
 #include "nk/foundation/number.hpp"
 #include "nk/foundation/string.hpp"
+#include "nk/system/byte_count_formatter.hpp"
 
 namespace nk::cli {
 
@@ -51,6 +52,10 @@ int printValue(const Id& value, bool json) {
   if (json) return printJSON(value.get(), kJSONWritingFragmentsAllowed);
   std::printf("%s\n", textOf(value).c_str());
   return flushStdout();
+}
+
+std::string sizeText(int64_t bytes) {
+  return ByteCountFormatter::stringFromByteCount(bytes, ByteCountStyle::kFile)->utf8();
 }
 
 Report::Report() : fields_(MutableDictionary::make()) {}

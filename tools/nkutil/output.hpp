@@ -2,6 +2,7 @@
 // on standard error as one sentence each.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -37,6 +38,9 @@ int printJSON(const Object* object, unsigned options);
 // Prints one answer: for people as Report shows a value, for scripts as a JSON value
 // (a string becomes a quoted JSON string).
 int printValue(const Id& value, bool json);
+
+// A byte count as the client shows it to people ("1.5 MB").
+std::string sizeText(int64_t bytes);
 
 // Named facts, printed as aligned "label   value" lines for people, or as one JSON
 // object (keys in the order added) for scripts.

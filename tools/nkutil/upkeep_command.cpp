@@ -1,0 +1,147 @@
+// nkutil cache clear | cache sweep | logs clear: the library's upkeep of the cache and
+// of the logs waiting for upload, with a listing of what is there before and after so
+// that people see what went and what stayed.
+#include <CLI/App.hpp>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "nk/foundation/url.hpp"
+#include "nk/storage/file_system_helper.hpp"
+#include "tools/nkutil/commands.hpp"
+#include "tools/nkutil/folder_contents.hpp"
+#include "tools/nkutil/folder_progress.hpp"
+#include "tools/nkutil/output.hpp"
+
+namespace nk::cli {
+
+namespace {
+
+struct UpkeepOptions {
+  std::string subfolder;  // cache clear only; empty: the whole cache
+  bool dryRun = false;
+};
+
+std::string entryText(const FolderEntry& entry) {
+  std::string text = entry.path + "  (" + sizeText(static_cast<int64_t>(entry.bytes));
+  if (entry.entries > 1) text += ", " + std::to_string(entry.entries) + " entries";
+  return text + ")";
+}
+
+std::string countText(uint64_t entries, uint64_t bytes) {
+  return std::to_string(entries) + (entries == 1 ? " entry" : " entries") + " (" +
+         sizeText(static_cast<int64_t>(bytes)) + ")";
+}
+
+// Lists what would go, or has `remove` (the library's operation, true when it reports
+// success) empty `folder` and tells what went and what stayed.
+int runUpkeep(const std::string& folder, bool dryRun, const std::function<bool()>& remove) {
+  const FolderContents before = listFolder(folder);
+  if (dryRun) {
+    for (const FolderEntry& entry : before.entries) std::printf("%s\n", entryText(entry).c_str());
+    std::printf("Would remove %s from %s.\n",
+                countText(before.totalEntries(), before.totalBytes()).c_str(), folder.c_str());
+    return std::fflush(stdout) == 0 ? kExitDone : fail("Standard output cannot be written.");
+  }
+
+  bool succeeded;
+  {
+    FolderProgress progress(folder, before.totalEntries());
+    succeeded = remove();
+  }
+  // What stayed is shown as it is now; what went, as it was.
+  const FolderContents after = listFolder(folder);
+  std::set<std::string> seen, left;
+  for (const FolderEntry& entry : before.entries) seen.insert(entry.path);
+  for (const FolderEntry& entry : after.entries) left.insert(entry.path);
+  FolderContents removed, kept;
+  for (const FolderEntry& entry : before.entries)
+    if (!left.contains(entry.path)) removed.entries.push_back(entry);
+  for (const FolderEntry& entry : after.entries)
+    if (seen.contains(entry.path)) kept.entries.push_back(entry);
+
+  std::printf("Removed %s from %s.\n",
+              countText(removed.totalEntries(), removed.totalBytes()).c_str(), folder.c_str());
+  for (const FolderEntry& entry : kept.entries)
+    std::printf("Could not remove %s.\n", entryText(entry).c_str());
+  if (std::fflush(stdout) != 0) return fail("Standard output cannot be written.");
+  if (!kept.entries.empty()) {
+    return fail(std::to_string(kept.entries.size()) + " of " +
+                std::to_string(before.entries.size()) + " entries could not be removed.");
+  }
+  if (!succeeded) return fail("Some entries could not be removed at the first attempt.");
+  return kExitDone;
+}
+
+std::string pathOf(const Ref<URL>& url) { return url ? url->path()->utf8() : std::string(); }
+
+int runCacheClear(const UpkeepOptions& options) {
+  Ref<URL> folder = NKFileSystemHelper::getNorvikCacheDir();
+  if (!folder) return fail("There is no cache folder: the home folder is not set.");
+  Ref<String> subfolder = String::fromUTF8(options.subfolder);
+  if (!options.subfolder.empty())
+    folder = folder->URLByAppendingPathComponent(subfolder.get(), true);
+  return runUpkeep(pathOf(folder), options.dryRun, [&subfolder] {
+    return NKFileSystemHelper::clearCacheDirWithSubdirectory(subfolder.get());
+  });
+}
+
+int runCacheSweep(const UpkeepOptions& options) {
+  Ref<URL> folder = NKFileSystemHelper::getNorvikCacheDir();
+  if (!folder) return fail("There is no cache folder: the home folder is not set.");
+  return runUpkeep(pathOf(folder), options.dryRun, [] {
+    NKFileSystemHelper::deleteTempDir();
+    return true;  // the sweep reports nothing; what stayed tells
+  });
+}
+
+int runLogsClear(const UpkeepOptions& options) {
+  Ref<String> folder = NKFileSystemHelper::getNorvikLogsToUploadDir();
+  if (!folder) return fail("There is no Library folder for the logs: the home folder is not set.");
+  return runUpkeep(folder->utf8(), options.dryRun,
+                   [] { return NKFileSystemHelper::clearNorvikLogsToUploadDir(); });
+}
+
+// A folder directly in the cache: never a path that could lead out of it.
+std::string checkSubfolder(const std::string& name) {
+  if (name == "." || name == ".." || name.find('/') != std::string::npos)
+    return "SUBFOLDER must name a folder directly in the cache";
+  return {};
+}
+
+CLI::App* addUpkeep(CLI::App& group, const char* name, const char* description,
+                    CommandAction& action, int (*run)(const UpkeepOptions&),
+                    const std::shared_ptr<UpkeepOptions>& options) {
+  CLI::App* command = group.add_subcommand(name, description);
+  command->add_flag("--dry-run", options->dryRun, "List what would be removed; remove nothing");
+  command->callback([&action, run, options] { action = [run, options] { return run(*options); }; });
+  return command;
+}
+
+}  // namespace
+
+void addUpkeepCommands(CLI::App& app, CommandAction& action) {
+  CLI::App* cache = app.add_subcommand("cache", "Empty the client's cache folder");
+  cache->require_subcommand(1);
+  auto clearOptions = std::make_shared<UpkeepOptions>();
+  CLI::App* clear = addUpkeep(
+      *cache, "clear",
+      "Remove everything in the cache, or in one folder of it, as the client does (with its "
+      "notifications)",
+      action, runCacheClear, clearOptions);
+  clear
+      ->add_option("SUBFOLDER", clearOptions->subfolder,
+                   "A folder directly in the cache, such as download")
+      ->check(checkSubfolder);
+  addUpkeep(*cache, "sweep", "Remove everything in the cache, retrying failed removals", action,
+            runCacheSweep, std::make_shared<UpkeepOptions>());
+
+  CLI::App* logs = app.add_subcommand("logs", "Empty the folder of logs waiting for upload");
+  logs->require_subcommand(1);
+  addUpkeep(*logs, "clear", "Remove every log waiting for upload", action, runLogsClear,
+            std::make_shared<UpkeepOptions>());
+}
+
+}  // namespace nk::cli
