@@ -36,6 +36,18 @@ FileManager* files() { return FileManager::defaultManager(); }
 
 Ref<String> pathOf(const URL* url) { return url ? url->path() : nullptr; }
 
+// True for "name" or "name/name…": relative, and every component an ordinary name.
+bool isInnerRelativePath(std::string_view path) {
+  if (path.empty()) return false;
+  for (;;) {
+    const size_t slash = path.find('/');
+    const std::string_view component = path.substr(0, slash);
+    if (component.empty() || component == "." || component == "..") return false;
+    if (slash == std::string_view::npos) return true;
+    path.remove_prefix(slash + 1);
+  }
+}
+
 bool isSymbolicLink(const String* path) {
   Ref<Dictionary> attributes = files()->attributesOfItemAtPath(path, nullptr);
   return attributes &&
@@ -167,8 +179,11 @@ bool NKFileSystemHelper::clearTempDownloadDir() {
 bool NKFileSystemHelper::clearNorvikCacheDir() { return clearCacheDirWithSubdirectory(nullptr); }
 
 bool NKFileSystemHelper::clearCacheDirWithSubdirectory(const String* subdirectory) {
-  Ref<URL> folder = getNorvikCacheDir();
   const bool named = subdirectory && subdirectory->length() > 0;
+  // Only folders inside the cache are cleared: a name that climbs out, or names the
+  // cache itself in another way, is refused before anything is touched.
+  if (named && !isInnerRelativePath(subdirectory->utf8())) return false;
+  Ref<URL> folder = getNorvikCacheDir();
   if (folder && named) folder = folder->URLByAppendingPathComponent(subdirectory);
   Ref<String> path = pathOf(folder.get());
   if (!path || path->length() == 0) return false;

@@ -402,6 +402,18 @@ TEST(Safety, LinksAreRemovedNeverFollowed) {
     EXPECT_TRUE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
     EXPECT_TRUE(outsideIntact());
   }
+  {  // a "subfolder" that climbs out of the cache is refused, and nothing is removed
+    fs::remove(download);
+    const std::string sibling = box.cacheFolder() + "/../sibling";
+    plantTree(sibling);
+    plantTree(box.cacheFolder() + "/kept");
+    for (const char* name : {"..", "../sibling", "kept/../..", "/", ".", "a//b"}) {
+      EXPECT_FALSE(NKFileSystemHelper::clearCacheDirWithSubdirectory(String::fromUTF8(name).get()))
+          << name;
+    }
+    EXPECT_TRUE(exists(sibling + "/a.bin"));
+    EXPECT_TRUE(exists(box.cacheFolder() + "/kept/a.bin"));
+  }
   while (RunLoop::main().runOnce(false)) {
   }
 }
