@@ -1,6 +1,6 @@
 // Promise engine benchmarks, each beside its peers in the same run: Boost.Thread
-// futures with `.then` on a basic_thread_pool, std::promise/std::future, and a bare
-// Asio executor hop.
+// futures with `.then` on a basic_thread_pool, std::promise/std::future, and bare
+// executor hops of Asio and of GLib's thread pool.
 //
 //   Chain/*     a chain of kChain continuations built on a pending root, then the root
 //               settled: time per link until the tail settles (registration untimed)
@@ -13,6 +13,7 @@
 #define BOOST_THREAD_VERSION 4
 #define BOOST_THREAD_PROVIDES_EXECUTORS
 #include <benchmark/benchmark.h>
+#include <glib.h>
 #include <linux/futex.h>
 #include <malloc.h>
 #include <sys/syscall.h>
@@ -173,6 +174,42 @@ void BM_Chain_AsioBareHop(benchmark::State& s) {
     auto start = Clock::now();
     asio::post(pool, Step{&pool, &left, &done});
     done.wait();
+    double ns = nsSince(start);
+    total += ns;
+    s.SetIterationTime(ns / 1e9);
+  }
+  perItem(s, "ns_per_link", total, kChain);
+}
+
+// The same floor on GLib's thread pool: each task pushes the next one.
+struct GLibHops {
+  GThreadPool* pool;
+  std::atomic<int> left;
+  Event done;
+};
+
+GThreadPool* glibPool() {
+  static GThreadPool* pool = g_thread_pool_new(
+      [](gpointer data, gpointer) {
+        auto* hops = static_cast<GLibHops*>(data);
+        if (hops->left.fetch_sub(1, std::memory_order_relaxed) == 1) {
+          hops->done.set();
+        } else {
+          g_thread_pool_push(hops->pool, hops, nullptr);
+        }
+      },
+      nullptr, static_cast<int>(poolThreads()), FALSE, nullptr);
+  return pool;
+}
+
+void BM_Chain_GLibBareHop(benchmark::State& s) {
+  GThreadPool* pool = glibPool();
+  double total = 0;
+  for (auto _ : s) {
+    GLibHops hops{pool, kChain, {}};
+    auto start = Clock::now();
+    g_thread_pool_push(pool, &hops, nullptr);
+    hops.done.wait();
     double ns = nsSince(start);
     total += ns;
     s.SetIterationTime(ns / 1e9);
@@ -370,6 +407,7 @@ BENCHMARK(BM_Chain_NkThenOnGlobal)->UseManualTime()->Unit(benchmark::kMillisecon
 BENCHMARK(BM_Chain_NkThenOnSerial)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Chain_BoostThen)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Chain_AsioBareHop)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Chain_GLibBareHop)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FanOut_Nk)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FanOut_Boost)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RoundTrip_NkPromise);

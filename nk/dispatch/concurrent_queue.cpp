@@ -23,6 +23,11 @@ class ConcurrentCore final : public QueueCore {
     scheduleIfIdle();
   }
 
+  void pushBatch(Task* tasks, size_t count) override {
+    fifo_.pushEach(count, [&](size_t i) noexcept { return WorkItem{std::move(tasks[i]), 0}; });
+    scheduleIfIdle();
+  }
+
   void sync(FunctionRef<void()> block, bool barrier) override {
     Frame* frame = findFrame(this);
     if (frame != nullptr && (barrier || frame->exclusive)) {

@@ -39,6 +39,11 @@ class MainCore final : public QueueCore {
     signal();
   }
 
+  void pushBatch(Task* tasks, size_t count) override {
+    fifo_.pushEach(count, [&](size_t i) noexcept { return WorkItem{std::move(tasks[i]), 0}; });
+    signal();
+  }
+
   void sync(FunctionRef<void()> block, bool) override {
     if (isMainThread()) {
       fatal("sync onto the main queue from the main thread would deadlock");

@@ -48,13 +48,19 @@ TEST(MainQueue, LosesNoWorkFromManyProducers) {
   std::vector<std::thread> producers;
   for (int t = 0; t < kThreads; ++t) {
     producers.emplace_back([&, t] {
+      // Odd producers submit runs of up to 50 tasks at once, even ones single tasks.
+      std::vector<Task> run;
       for (int i = 0; i < kPerThread; ++i) {
-        Queue::main().async([&, t, i] {
+        run.emplace_back([&, t, i] {
           outOfOrder |= next[t] != i;
           offMain |= !isMainThread();
           next[t] = i + 1;
           ++total;
         });
+        if (t % 2 == 0 || run.size() == 50 || i + 1 == kPerThread) {
+          Queue::main().asyncBatch(run.data(), run.size());
+          run.clear();
+        }
       }
     });
   }

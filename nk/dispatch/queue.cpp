@@ -28,6 +28,11 @@ class GlobalCore final : public QueueCore {
   void push(Task&& task, bool) override {
     pool_.push(priority, WorkItem{std::move(task), reinterpret_cast<uintptr_t>(this)});
   }
+  void pushBatch(Task* tasks, size_t count) override {
+    pool_.pushEach(priority, count, [&](size_t i) noexcept {
+      return WorkItem{std::move(tasks[i]), reinterpret_cast<uintptr_t>(this)};
+    });
+  }
   void sync(FunctionRef<void()> block, bool) override {
     FrameScope frame(this, false);
     block();
@@ -142,6 +147,8 @@ Queue Queue::current() {
 }
 
 void Queue::submit(Task&& task, bool barrier) const { core()->push(std::move(task), barrier); }
+
+void Queue::asyncBatch(Task* tasks, size_t count) const { core()->pushBatch(tasks, count); }
 
 void Queue::submitAfter(std::chrono::nanoseconds delay, Task&& task) const {
   dispatch_internal::scheduleAfter(delay, *this, std::move(task));

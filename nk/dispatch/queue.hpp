@@ -27,6 +27,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -96,6 +97,11 @@ class Queue {
   void async(F&& f) const {
     submit(Task(std::forward<F>(f)), false);
   }
+
+  // Submits tasks[0], ..., tasks[count - 1] as `async` would, one after the other, in
+  // one step: on the global and caller-made queues they are queued together and wake at
+  // most one thread. Leaves the tasks empty.
+  void asyncBatch(Task* tasks, size_t count) const;
 
   // As async, as a barrier (guarantee 3).
   template <class F>

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
@@ -60,6 +61,10 @@ class QueueCore {
   virtual ~QueueCore();
 
   virtual void push(Task&& task, bool barrier) = 0;
+  // Pushes tasks[0..count) in order as plain tasks, leaving them empty.
+  virtual void pushBatch(Task* tasks, size_t count) {
+    for (size_t i = 0; i < count; ++i) push(std::move(tasks[i]), false);
+  }
   virtual void sync(FunctionRef<void()> block, bool barrier) = 0;
   // Serial and concurrent queues: runs the queue's share of work on a pool thread.
   virtual void drain() {}

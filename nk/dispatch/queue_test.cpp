@@ -60,6 +60,39 @@ TEST(SerialQueue, LosesNoWorkFromManyProducers) {
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kPerThread) << "producer " << t;
 }
 
+TEST(Queue, AsyncBatchRunsEachTaskOnceInSubmissionOrder) {
+  constexpr int kTasks = 100;  // several blocks of the queues' FIFOs
+  // Serial: in order, after what came before, before what comes after.
+  {
+    Queue q = Queue::serial("nk.test.batch-serial");
+    std::vector<int> order;  // the queue is the lock
+    q.async([&] { order.push_back(-1); });
+    std::vector<Task> tasks;
+    for (int i = 0; i < kTasks; ++i) tasks.emplace_back([&, i] { order.push_back(i); });
+    q.asyncBatch(tasks.data(), tasks.size());
+    for (const Task& t : tasks) EXPECT_FALSE(t);
+    q.async([&] { order.push_back(kTasks); });
+    std::vector<int> seen = q.sync([&] { return order; });
+    ASSERT_EQ(seen.size(), size_t{kTasks + 2});
+    for (int i = 0; i < kTasks + 2; ++i) ASSERT_EQ(seen[i], i - 1);
+  }
+  // Concurrent and global: each task once.
+  for (Queue q : {Queue::concurrent("nk.test.batch-concurrent"), Queue::global()}) {
+    auto runs = std::make_shared<std::vector<std::atomic<int>>>(kTasks);
+    Semaphore done(0);
+    std::vector<Task> tasks;
+    for (int i = 0; i < kTasks; ++i) {
+      tasks.emplace_back([runs, &done, i] {
+        (*runs)[i].fetch_add(1);
+        done.signal();
+      });
+    }
+    q.asyncBatch(tasks.data(), tasks.size());
+    for (int i = 0; i < kTasks; ++i) ASSERT_TRUE(done.waitFor(kPatience));
+    for (int i = 0; i < kTasks; ++i) EXPECT_EQ((*runs)[i].load(), 1) << "task " << i;
+  }
+}
+
 TEST(Queue, OutlivesItsLastHandleUntilItsWorkIsDone) {
   for (bool serial : {true, false}) {
     Semaphore done;

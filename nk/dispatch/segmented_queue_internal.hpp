@@ -11,7 +11,9 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <new>
 #include <type_traits>
@@ -33,6 +35,10 @@ class SegmentedQueue {
 
   // Appends `value`. Callable from any thread.
   void push(T&& value);
+  // Appends make(0), ..., make(count - 1), in that order, reserving the slots left in a
+  // block with one step instead of one per value. Callable from any thread.
+  template <class Make>
+  void pushEach(size_t count, Make make);
   // Moves the oldest value into `out` and returns true, or returns false if the queue is
   // empty. Callable from any thread.
   bool pop(T& out);
@@ -243,6 +249,34 @@ void SegmentedQueue<T>::push(T&& value) {
       return;
     }
     block = tail_.block.load(std::memory_order_acquire);
+  }
+}
+
+template <class T>
+template <class Make>
+void SegmentedQueue<T>::pushEach(size_t count, Make make) {
+  size_t i = 0;
+  while (i < count) {
+    uint64_t tail = tail_.index.load(std::memory_order_acquire);
+    Block* block = tail_.block.load(std::memory_order_acquire);
+    uint64_t offset = (tail >> kShift) % kLap;
+    // A block's last slot, and the very first push, install blocks: push() does that.
+    if (block == nullptr || offset + 1 >= kBlockCap) {
+      push(make(i++));
+      continue;
+    }
+    uint64_t take = std::min<uint64_t>(count - i, kBlockCap - 1 - offset);
+    if (!tail_.index.compare_exchange_weak(tail, tail + take * kOne, std::memory_order_seq_cst,
+                                           std::memory_order_acquire)) {
+      continue;
+    }
+    for (uint64_t k = 0; k < take; ++k) {
+      Slot& slot = block->slots[offset + k];
+      ::new (static_cast<void*>(slot.storage)) T(make(i++));
+      if (slot.state.fetch_add(kWrite, std::memory_order_seq_cst) & kWaiter) {
+        futexWake(&slot.state, 1);
+      }
+    }
   }
 }
 

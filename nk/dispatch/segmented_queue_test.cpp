@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -39,6 +40,19 @@ TEST(SegmentedQueue, FifoAcrossBlocks) {
   }
   while (q.pop(out)) ASSERT_EQ(out, expected++);
   EXPECT_EQ(expected, next);
+
+  // Runs of values pushed together, of every length up to more than a block, land in
+  // order wherever in a block they start.
+  for (int length = 1; length <= 70; ++length) {
+    q.pushEach(length, [&](size_t i) noexcept { return next + int(i); });
+    next += length;
+    if (length % 3 == 0) {
+      ASSERT_TRUE(q.pop(out));
+      ASSERT_EQ(out, expected++);
+    }
+  }
+  while (q.pop(out)) ASSERT_EQ(out, expected++);
+  EXPECT_EQ(expected, next);
 }
 
 TEST(SegmentedQueue, DestroysValuesLeftBehind) {
@@ -64,7 +78,12 @@ TEST(SegmentedQueue, ManyProducersManyConsumersDeliverEachValueOnce) {
   std::vector<std::thread> threads;
   for (int p = 0; p < kProducers; ++p) {
     threads.emplace_back([&, p] {
-      for (uint64_t i = 0; i < kPerProducer; ++i) q.push(uint64_t(p) << 32 | i);
+      // Odd producers push runs of 1 to 40 values at once.
+      for (uint64_t i = 0; i < kPerProducer;) {
+        uint64_t run = p % 2 ? std::min<uint64_t>(i % 40 + 1, kPerProducer - i) : 1;
+        q.pushEach(run, [&](size_t k) noexcept { return uint64_t(p) << 32 | (i + k); });
+        i += run;
+      }
       producersLeft.fetch_sub(1);
     });
   }

@@ -24,6 +24,11 @@ class SerialCore final : public QueueCore {
     scheduleIfIdle();
   }
 
+  void pushBatch(Task* tasks, size_t count) override {
+    fifo_.pushEach(count, [&](size_t i) noexcept { return WorkItem{std::move(tasks[i]), 0}; });
+    scheduleIfIdle();
+  }
+
   void sync(FunctionRef<void()> block, bool) override {
     if (findFrame(this) != nullptr) {
       fatal("sync onto serial queue \"%s\" from a task running on it would deadlock",

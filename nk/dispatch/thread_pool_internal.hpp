@@ -28,6 +28,15 @@ class ThreadPool {
     notify();
   }
 
+  // Queues make(0), ..., make(count - 1) at `priority`, in order, and wakes at most one
+  // worker: each woken worker wakes the next while work remains. `make` must not throw.
+  template <class Make>
+  void pushEach(QueuePriority priority, size_t count, Make make) {
+    __builtin_prefetch(&state_);
+    queues_[static_cast<unsigned>(priority)].pushEach(count, make);
+    notify();
+  }
+
   // Brackets a wait on a pool thread, so that other work can still get a thread.
   void enterBlocking() noexcept;
   void exitBlocking() noexcept;

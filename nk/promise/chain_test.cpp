@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -240,19 +241,47 @@ TEST(PromiseQueues, HandlersOnOneSerialQueueRunInRegistrationOrder) {
   std::vector<int> order;
   std::vector<Ref<PRMPromise>> nexts;
   for (int i = 0; i < 5; ++i) nexts.push_back(d.promise->then([&order, i] { order.push_back(i); }));
-  auto q = Queue::serial("prm.test.order");
-  std::vector<int> serialOrder;
+  // More handlers than one batch of queued tasks holds, alternating between two serial
+  // queues, with skipped catch steps among them: those settle during the settle call,
+  // and the handler after each queues its task then, behind the ones before it.
+  auto a = Queue::serial("prm.test.order.a");
+  auto b = Queue::serial("prm.test.order.b");
+  constexpr int kHandlers = 40;
+  std::vector<int> orderA, orderB;
+  std::vector<Ref<PRMPromise>> passed, skipped;
   std::mutex lock;
-  for (int i = 0; i < 5; ++i) {
-    nexts.push_back(d.promise->thenOn()(q, [&, i] {
+  for (int i = 0; i < kHandlers; ++i) {
+    bool onA = (i / 3) % 2 == 0;
+    passed.push_back(d.promise->thenOn()(onA ? a : b, [&, i, onA](Id value) {
       std::lock_guard<std::mutex> g(lock);
-      serialOrder.push_back(i);
+      (onA ? orderA : orderB).push_back(i);
+      return value;
     }));
+    if (i % 7 == 0) {
+      auto caught = d.promise->catchOn()(a, [](Id) { return Id(); });
+      skipped.push_back(caught);
+      nexts.push_back(caught->thenOn()(a, [&, i] {
+        std::lock_guard<std::mutex> g(lock);
+        orderA.push_back(-1 - i);
+      }));
+    }
   }
-  (*d.resolve)(nullptr);
+  Ref<String> v = NK_STR("v");
+  (*d.resolve)(v);
+  for (auto& p : skipped) EXPECT_EQ(PRMGetResult(p.get()), v);
   for (auto& p : nexts) ASSERT_TRUE(settles(p));
+  for (auto& p : passed) {
+    ASSERT_TRUE(settles(p));
+    EXPECT_EQ(p->value(), v);
+  }
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
-  EXPECT_EQ(serialOrder, (std::vector<int>{0, 1, 2, 3, 4}));
+  std::vector<int> expectA, expectB;
+  for (int i = 0; i < kHandlers; ++i) {
+    ((i / 3) % 2 == 0 ? expectA : expectB).push_back(i);
+    if (i % 7 == 0) expectA.push_back(-1 - i);
+  }
+  EXPECT_EQ(orderA, expectA);
+  EXPECT_EQ(orderB, expectB);
 }
 
 }  // namespace

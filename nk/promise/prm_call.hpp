@@ -226,15 +226,31 @@ inline const Id& argumentAt(const Id& value, size_t i) {
   return i == 0 ? value : kNil;
 }
 
+// Whether the handler's one parameter is an Id, which can take the value over.
+template <class Form>
+constexpr bool takesLoneId() {
+  if constexpr (Form::kArity == 1) {
+    return std::is_same_v<std::remove_cvref_t<std::tuple_element_t<0, typename Form::Params>>, Id>;
+  } else {
+    return false;
+  }
+}
+
+// Given `value` to dispose of: a lone Id parameter takes it over, saving a count pair.
 template <class Form, class F, size_t... I>
-decltype(auto) invokeSpread(F& f, const Id& value, std::index_sequence<I...>) {
+decltype(auto) invokeSpread(F& f, Id& value, std::index_sequence<I...>) {
+  if constexpr (takesLoneId<Form>()) {
+    if (!value || !value->isMemberOfClass(PRMArray::staticClass())) {
+      return std::invoke(f, std::move(value));
+    }
+  }
   return std::invoke(
       f, ParamKind<std::remove_cvref_t<std::tuple_element_t<I, typename Form::Params>>>::from(
              argumentAt(value, I))...);
 }
 
 template <class F>
-Id callBoxed(F& f, const Id& value) {
+Id callBoxed(F& f, Id& value) {
   using Form = FormOf<std::remove_cv_t<F>>;
   if constexpr (!Form::kKnown) {
     raiseUnsupportedArgumentCount();

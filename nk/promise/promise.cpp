@@ -16,21 +16,23 @@ NK_DEFINE_CLASS(PRMPromise, "PRMPromise");
 
 using promise_internal::PRMReadGuard;
 using promise_internal::PRMWriteGuard;
+using promise_internal::Settlement;
 using promise_internal::Waiter;
 
 namespace {
 
-// Entries are pushed newest first; settling hands them out oldest first.
-Waiter* reversed(Waiter* w) noexcept {
-  Waiter* out = nullptr;
-  while (w) {
-    Waiter* next = w->next;
-    w->next = out;
-    out = w;
-    w = next;
-  }
-  return out;
-}
+// What a slot held before it was overwritten, kept on the entry list until the promise
+// dies: the slot is read without the lock, so a reader may still be taking a reference
+// to it. Never handed out as a handler.
+struct FormerContent final : Waiter {
+  FormerContent() noexcept : Waiter(&kOps) {}
+  static void run(Waiter*, Settlement&) {}
+  static void destroy(Waiter* self) noexcept;
+  static constexpr Ops kOps = {&run, &destroy};
+  Id content;
+};
+
+void FormerContent::destroy(Waiter* self) noexcept { delete static_cast<FormerContent*>(self); }
 
 void destroyAll(Waiter* w) noexcept {
   while (w) {
@@ -53,10 +55,16 @@ size_t PRMHandlerList::size() const noexcept {
 }
 
 void PRMHandlerList::runAll(const Id& value) {
+  Settlement settlement(value);
+  runAll(settlement);
+}
+
+void PRMHandlerList::runAll(Settlement& settlement) {
   while (first_) {
     Waiter* w = std::exchange(first_, first_->next);
-    w->runWith(value);
+    w->runWith(settlement);
   }
+  settlement.flush();
 }
 
 // ---- The object.
@@ -72,18 +80,21 @@ PRMPromise::~PRMPromise() {
   // join that promise's work list instead.
   static thread_local Waiter* tDoomed = nullptr;
   static thread_local bool tTearingDown = false;
-  if (!waiters_) return;
-  Waiter* last = waiters_;
-  while (last->next) last = last->next;
-  last->next = tDoomed;
-  tDoomed = waiters_;
-  if (tTearingDown) return;
-  tTearingDown = true;
-  while (tDoomed) {
-    Waiter* w = std::exchange(tDoomed, tDoomed->next);
-    w->dispose();
+  if (waiters_) {
+    Waiter* last = waiters_;
+    while (last->next) last = last->next;
+    last->next = tDoomed;
+    tDoomed = waiters_;
+    if (!tTearingDown) {
+      tTearingDown = true;
+      while (tDoomed) {
+        Waiter* w = std::exchange(tDoomed, tDoomed->next);
+        w->dispose();
+      }
+      tTearingDown = false;
+    }
   }
-  tTearingDown = false;
+  if (Object* r = result_.load(std::memory_order_relaxed)) r->release();
 }
 
 Ref<PRMPromise> PRMPromise::makePending() {
@@ -94,13 +105,13 @@ Ref<PRMPromise> PRMPromise::makePending() {
 
 Ref<PRMPromise> PRMPromise::promiseWithValue(const Id& value) {
   auto p = Ref<PRMPromise>::adopt(new PRMPromise());
-  p->result_ = PRMSanitizeResult(value);
+  p->result_.store(PRMSanitizeResult(value).leak(), std::memory_order_relaxed);
   return p;
 }
 
 Id PRMPromise::tryRegister(Waiter* waiter) const {
   PRMWriteGuard guard(lock_);
-  if (result_) return result_;
+  if (Object* r = result_.load(std::memory_order_relaxed)) return Id(r);
   waiter->next = waiters_;
   waiters_ = waiter;
   return nullptr;
@@ -108,59 +119,71 @@ Id PRMPromise::tryRegister(Waiter* waiter) const {
 
 size_t PRMPromise::waiterCount() const noexcept {
   size_t n = 0;
-  for (Waiter* w = waiters_; w; w = w->next) ++n;
+  for (Waiter* w = waiters_; w; w = w->next) n += w->ops != &FormerContent::kOps;
   return n;
 }
 
 // ---- Reading, writing and settling the slot.
 
-Id PRMSanitizeResult(const Id& value) {
-  if (!value) return Id(PRMNull());
-  if (value->isKindOfClass(Error::staticClass())) {
-    PRMError::unconsume(static_cast<const Error*>(value.get()));
-  }
-  return value;
-}
-
-Id PRMGetResult(const PRMPromise* promise) {
-  PRMReadGuard guard(promise->lock_);
-  return promise->result_;
-}
-
-PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
-  Id stored = PRMSanitizeResult(value);
-  Waiter* taken;
-  bool present;
-  {
-    PRMWriteGuard guard(promise->lock_);
-    taken = std::exchange(promise->waiters_, nullptr);
-    present = promise->spare_ & PRMPromise::kHasHandlerList;
-    promise->spare_ &= ~PRMPromise::kHasHandlerList;
-    // The old content is released after the lock, in `stored`.
-    promise->result_.swap(stored);
-  }
-  return PRMHandlerList(reversed(taken), present);
-}
-
 namespace {
 
-void settle(PRMPromise* promise, const Id& value) {
-  PRMHandlerList waiting = PRMSetResult(promise, value);
-  waiting.runAll(value);
+Id sanitized(const Id& value, bool error) {
+  if (!value) return Id(PRMNull());
+  if (error) PRMError::unconsume(static_cast<const Error*>(value.get()));
+  return value;
 }
 
 }  // namespace
 
+Id PRMSanitizeResult(const Id& value) { return sanitized(value, promise_internal::isError(value)); }
+
+Id PRMGetResult(const PRMPromise* promise) {
+  // Without the lock: content once stored lives as long as the promise (FormerContent).
+  return Id(promise->result_.load(std::memory_order_acquire));
+}
+
+PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Id stored) {
+  // An overwrite needs a FormerContent, made before taking the lock.
+  std::unique_ptr<FormerContent> former;
+  for (;;) {
+    if (!former && promise->settledNow()) former = std::make_unique<FormerContent>();
+    PRMWriteGuard guard(promise->lock_);
+    Object* old = promise->result_.load(std::memory_order_relaxed);
+    if (old && !former) continue;  // settled meanwhile
+    promise->result_.store(stored.leak(), std::memory_order_release);
+    if (!old) {
+      Waiter* taken = std::exchange(promise->waiters_, nullptr);
+      bool present = promise->spare_ & kHasHandlerList;
+      promise->spare_ &= ~kHasHandlerList;
+      return PRMHandlerList(promise_internal::reversed(taken), present);
+    }
+    // A settled slot has no waiting entries: its list holds former contents only.
+    former->content = Id::adopt(old);
+    former->next = promise->waiters_;
+    promise->waiters_ = former.release();
+    return PRMHandlerList(nullptr, false);
+  }
+}
+
+PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
+  return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value));
+}
+
+void PRMPromise::settle(PRMPromise* promise, const Id& value) {
+  Settlement settlement(value);
+  exchangeResult(promise, sanitized(value, settlement.error)).runAll(settlement);
+}
+
 void PRMResolve(PRMPromise* promise, const Id& value) {
   PRMPromise* adopted = promise_internal::asPromise(value);
   if (!adopted) {
-    settle(promise, value);
+    PRMPromise::settle(promise, value);
     return;
   }
   Id content;
   {
     PRMWriteGuard guard(adopted->lock_);
-    content = adopted->result_;
+    content = Id(adopted->result_.load(std::memory_order_relaxed));
     if (!content) {
       // Adopting itself would make the promise own itself: the entry then holds a
       // plain pointer, since it can only run while the promise is alive anyway.
@@ -177,16 +200,11 @@ void PRMResolve(PRMPromise* promise, const Id& value) {
   // The raw content: an error stays the error, PRMNull the marker, a promise a
   // promise. Settled after the adopted promise's lock is released, so no handler of
   // the adopter ever runs under it.
-  settle(promise, content);
+  PRMPromise::settle(promise, content);
 }
 
 void PRMPromise::resolveIfPending(PRMPromise* promise, const Id& value) {
-  bool settled;
-  {
-    PRMReadGuard guard(promise->lock_);
-    settled = static_cast<bool>(promise->result_);
-  }
-  if (settled) {
+  if (promise->settledNow()) {
     Log("Migriornop: Warning: Promise already resolved");
     return;
   }
@@ -230,7 +248,7 @@ Ref<String> PRMPromise::description() const {
   size_t count;
   {
     PRMReadGuard guard(lock_);
-    r = result_;
+    r = Id(result_.load(std::memory_order_relaxed));
     count = waiterCount();
   }
   PRMPromise* inner = promise_internal::asPromise(r);

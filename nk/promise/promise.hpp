@@ -3,13 +3,16 @@
 //
 // The slot alone says the state: nil pending, an Error rejected, PRMNull fulfilled
 // with nothing, a PRMArray fulfilled with several values, another promise followed,
-// anything else fulfilled with it. A 4-byte reader/writer lock word guards the slot
-// and the list of waiting entries; handlers never run while it is held.
+// anything else fulfilled with it. A 4-byte reader/writer lock word guards writes to
+// the slot and the list of waiting entries; handlers never run while it is held. The
+// slot is read without it: what a slot held stays alive as long as its promise.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -30,18 +33,64 @@ class PRMPromise;
 
 namespace promise_internal {
 
+inline bool isError(const Id& value) noexcept {
+  return value && value->isKindOfClass(Error::staticClass());
+}
+
+// What settling hands each waiting entry: the value, whether it is an error (judged
+// once for all of them), and the tasks the entries queue, which go to their queue
+// together so that many handlers on one queue cost one queue operation per batch. An
+// entry that does anything but queue a task calls flush() first, so that every queue
+// still receives its tasks in the order the entries ran.
+class Settlement {
+ public:
+  explicit Settlement(const Id& v) noexcept : value(v), error(isError(v)) {}
+  Settlement(const Settlement&) = delete;
+  Settlement& operator=(const Settlement&) = delete;
+  ~Settlement() { clear(); }
+
+  template <class F>
+  void submit(const Queue& queue, F&& task) {
+    if (count_ == kCapacity || (count_ != 0 && !(queue == queue_))) flush();
+    if (count_ == 0) queue_ = queue;
+    ::new (static_cast<void*>(tasks() + count_)) Task(std::forward<F>(task));
+    ++count_;
+  }
+  void flush() {
+    if (count_ == 0) return;
+    queue_.asyncBatch(tasks(), count_);
+    clear();
+  }
+
+  const Id& value;
+  const bool error;
+
+ private:
+  static constexpr size_t kCapacity = 16;
+  // Built only as tasks arrive: most settlements queue one task or none.
+  Task* tasks() noexcept { return std::launder(reinterpret_cast<Task*>(storage_)); }
+  void clear() noexcept {
+    for (size_t i = 0; i < count_; ++i) tasks()[i].~Task();
+    count_ = 0;
+  }
+
+  Queue queue_;
+  size_t count_ = 0;
+  alignas(Task) unsigned char storage_[kCapacity * sizeof(Task)];
+};
+
 // One waiting entry of a pending promise: a link and a pointer to its operations,
 // so that an entry costs two words beyond what it carries. `run` is called once with
-// the settled value and disposes of the entry (it may hand it on to a queue first);
+// the settlement and disposes of the entry (it may hand it on to a queue first);
 // `destroy` frees an entry that will never run.
 struct Waiter {
   struct Ops {
-    void (*run)(Waiter* self, const Id& value);
+    void (*run)(Waiter* self, Settlement& settlement);
     void (*destroy)(Waiter* self) noexcept;
   };
 
   explicit Waiter(const Ops* o) noexcept : ops(o) {}
-  void runWith(const Id& value) { ops->run(this, value); }
+  void runWith(Settlement& settlement) { ops->run(this, settlement); }
   void dispose() noexcept { ops->destroy(this); }
 
   Waiter* next = nullptr;
@@ -60,15 +109,29 @@ struct CallableWaiter final : Waiter {
   explicit CallableWaiter(F fn) : Waiter(&kOps), f(std::move(fn)) {}
 
   static constexpr Ops kOps = {
-      [](Waiter* self, const Id& value) {
+      [](Waiter* self, Settlement& settlement) {
         WaiterPtr<CallableWaiter> owned(static_cast<CallableWaiter*>(self));
-        owned->f(value);
+        settlement.flush();
+        owned->f(settlement.value);
       },
       [](Waiter* self) noexcept { delete static_cast<CallableWaiter*>(self); },
   };
 
   F f;
 };
+
+// Reverses a list of entries linked through `next`: lists are pushed newest first
+// and handed out oldest first.
+inline Waiter* reversed(Waiter* w) noexcept {
+  Waiter* out = nullptr;
+  while (w) {
+    Waiter* next = w->next;
+    w->next = out;
+    out = w;
+    w = next;
+  }
+  return out;
+}
 
 template <class F>
 Waiter* makeWaiter(F&& f) {
@@ -97,6 +160,7 @@ class PRMHandlerList {
   size_t size() const noexcept;
   // Runs every entry once with `value`, in order.
   void runAll(const Id& value);
+  void runAll(promise_internal::Settlement& settlement);
 
  private:
   promise_internal::Waiter* first_ = nullptr;
@@ -109,7 +173,8 @@ class PRMHandlerList {
 // thread, with the value itself (nil stays nil for them).
 void PRMResolve(PRMPromise* promise, const Id& value);
 // The single writer of the slot: stores PRMSanitizeResult(value) whatever the state
-// and returns the entries that were waiting, without running them.
+// and returns the entries that were waiting, without running them. Content it
+// replaces is released when the promise dies, as a reader may still be using it.
 PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value);
 // The raw slot: nil, an Error, PRMNull, a PRMArray, a PRMPromise or a value.
 Id PRMGetResult(const PRMPromise* promise);
@@ -313,7 +378,7 @@ class PRMPromise final : public Object {
   // while pending, it makes the next promise, registers an entry that calls
   // pending(value, next, queue, handler, resolveNext) when this promise settles
   // (resolveNext settles `next`), and returns `next`. The state is looked at once
-  // under a shared lock and again under the exclusive one, so a settlement racing
+  // without the lock and again under the exclusive one, so a settlement racing
   // with the registration is never lost.
   template <class R, class P>
   auto resolvedPending(R resolved, P pending) const;
@@ -346,6 +411,13 @@ class PRMPromise final : public Object {
 
   // A pending promise with an (empty) handler list.
   static Ref<PRMPromise> makePending();
+  // Whether the slot is filled, without taking the lock: a settled promise stays
+  // settled, so only a false answer can be out of date by the time it is used.
+  bool settledNow() const noexcept { return result_.load(std::memory_order_acquire) != nullptr; }
+  // The locked part of PRMSetResult: stores `stored` and takes the waiting entries.
+  static PRMHandlerList exchangeResult(PRMPromise* promise, Id stored);
+  // Stores `value` and runs the waiting entries with it.
+  static void settle(PRMPromise* promise, const Id& value);
   // Settles `promise` unless settled (the resolver's rule), from engine code.
   static void resolveIfPending(PRMPromise* promise, const Id& value);
   // For a body that raised: stores the converted error, dropping the waiting entries.
@@ -364,7 +436,9 @@ class PRMPromise final : public Object {
   static Ref<PRMPromise> withBody(Body& body, Make make);
 
   mutable promise_internal::PRMLock lock_;
-  Id result_;
+  // The slot, holding one reference. Written under the exclusive lock; atomic so that
+  // settledNow() may look without it.
+  std::atomic<Object*> result_{nullptr};
   mutable promise_internal::Waiter* waiters_ = nullptr;  // newest first
 };
 
@@ -396,26 +470,28 @@ struct Access {
   static Id tryRegister(const PRMPromise* p, Waiter* w) { return p->tryRegister(w); }
 };
 
-inline bool isError(const Id& value) noexcept {
-  return value && value->isKindOfClass(Error::staticClass());
-}
 inline PRMPromise* asPromise(const Id& value) noexcept {
   return value && value->isMemberOfClass(PRMPromise::staticClass())
              ? static_cast<PRMPromise*>(value.get())
              : nullptr;
 }
 
-// Whether a step of kind K lets `value` pass by without running its handler.
+// Whether a step of kind K lets a value pass by without running its handler.
 template <ChainKind K>
-bool skips(const Id& value) noexcept {
+bool skips(bool error) noexcept {
   if constexpr (K == ChainKind::kThen) {
-    return isError(value);
+    return error;
   } else if constexpr (K == ChainKind::kCatch) {
-    return !isError(value);
+    return !error;
   } else {
     return false;
   }
 }
+
+// Whether a step's handler never looks at the value: a then handler without parameters.
+template <ChainKind K, class H>
+constexpr bool kIgnoresValue = (K == ChainKind::kThen) && (FormOf<H>::kKnown) &&
+                               (FormOf<H>::kArity == 0);
 
 // The work a step does on its queue: run the handler with `value`, settle `next`.
 // Then and catch steps hand the value over to the call.
@@ -440,22 +516,23 @@ void runStep(H& handler, Id& value, PRMPromise* next) {
 // The entry a step leaves on a pending promise. It lives in the same block as the
 // promise it settles (`next`), so a link is one allocation. When the promise it waits
 // on settles it either settles `next` at once (a skip) or travels itself to the queue
-// as the task, so a hop allocates nothing.
+// as the task, so a hop allocates nothing. A handler that ignores the value is not
+// given a reference to it, which would be taken here and dropped on the queue's thread.
 template <ChainKind K, class H>
 struct ChainWaiter final : Waiter {
   ChainWaiter(PRMPromise* n, const Queue& q, H h)
       : Waiter(&kOps), next(n), queue(q), handler(std::move(h)) {}
 
-  static void run(Waiter* self, const Id& value) {
+  static void run(Waiter* self, Settlement& settlement) {
     WaiterPtr<ChainWaiter> owned(static_cast<ChainWaiter*>(self));
-    if (skips<K>(value)) {
-      PRMResolve(owned->next, value);
+    if (skips<K>(settlement.error)) {
+      settlement.flush();
+      PRMResolve(owned->next, settlement.value);
       return;
     }
-    owned->value = value;
-    // The entry may be gone as soon as the task is submitted: keep the queue apart.
-    Queue target = std::move(owned->queue);
-    target.async(Hop{std::move(owned)});
+    if constexpr (!kIgnoresValue<K, H>) owned->value = settlement.value;
+    ChainWaiter* entry = owned.get();
+    settlement.submit(entry->queue, Hop{std::move(owned)});
   }
   // Ends the entry's life, then gives back its reference to `next`, which may free
   // the block the entry was in.
@@ -504,17 +581,16 @@ Ref<PRMPromise> PRMPromise::chain(const Queue& queue, H&& handler) const {
   if constexpr (K == promise_internal::ChainKind::kFinally) {
     static_assert(std::is_invocable_v<D&>, "a finally handler takes no parameters");
   }
-  Id slot = PRMGetResult(this);
-  if (!slot) {
+  if (!settledNow()) {
     promise_internal::ChainWaiter<K, D>* entry;
     Ref<PRMPromise> next = makePendingWith(entry, queue, D(std::forward<H>(handler)));
-    slot = tryRegister(entry);
+    Id slot = tryRegister(entry);
     if (!slot) return next;
     // Settled between the two looks: serve the step as on a settled promise.
     promise_internal::WaiterPtr<promise_internal::ChainWaiter<K, D>> owned(entry);
     return chainSettled<K>(slot, queue, std::move(owned->handler));
   }
-  return chainSettled<K>(slot, queue, std::forward<H>(handler));
+  return chainSettled<K>(PRMGetResult(this), queue, std::forward<H>(handler));
 }
 
 template <promise_internal::ChainKind K, class H>
@@ -523,7 +599,7 @@ Ref<PRMPromise> PRMPromise::chainSettled(const Id& slot, const Queue& queue, H&&
   if (PRMPromise* inner = promise_internal::asPromise(slot)) {
     return inner->chain<K>(queue, std::forward<H>(handler));
   }
-  if (promise_internal::skips<K>(slot)) return promiseWithValue(slot);
+  if (promise_internal::skips<K>(promise_internal::isError(slot))) return promiseWithValue(slot);
   Ref<PRMPromise> next = makePending();
   queue.async([next, handler = D(std::forward<H>(handler)), slot = slot]() mutable {
     promise_internal::runStep<K>(handler, slot, next.get());

@@ -100,5 +100,34 @@ TEST(PromiseStress, ConcurrentAdoptionChains) {
   }
 }
 
+TEST(PromiseStress, ReadersKeepOverwrittenContentAlive) {
+  // The slot is read without the lock; content that a second settlement replaces must
+  // stay alive for readers that loaded it just before (use after free otherwise).
+  auto d = promise_test::deferred();
+  constexpr int kWrites = 50000;
+  std::atomic<bool> stop{false};
+  std::atomic<bool> odd{false};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&] {
+      while (!stop.load(std::memory_order_acquire)) {
+        Id r = PRMGetResult(d.promise.get());
+        if (r && !r->isKindOfClass(Number::staticClass())) odd.store(true);
+      }
+    });
+  }
+  for (int i = 0; i < kWrites; ++i) PRMResolve(d.promise.get(), Number::withInt(i));
+  stop.store(true, std::memory_order_release);
+  for (auto& t : readers) t.join();
+  EXPECT_FALSE(odd.load());
+  EXPECT_TRUE(isEqual(d.promise->value(), Number::withInt(kWrites - 1)));
+  // The kept contents are not waiting handlers.
+  auto inner = promise_test::deferred();
+  PRMHandlerList none = PRMSetResult(d.promise.get(), inner.promise);
+  EXPECT_EQ(none.size(), 0u);
+  EXPECT_TRUE(d.promise->pending());
+  EXPECT_EQ(d.promise->description()->utf8(), "Promise: 0 pending handlers");
+}
+
 }  // namespace
 }  // namespace nk

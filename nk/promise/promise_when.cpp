@@ -1,8 +1,9 @@
 // PRMAll and PRMWhen: one shared record per aggregate counts the members still out
 // and holds their values. Members already settled when the aggregate is made are
-// reported together in one batch; each pending member carries one waiting entry that
-// becomes its report when it settles. Reports reach the main queue through a
-// lock-free inbox, and only the main queue reads them, counts and resolves.
+// reported together in one batch (a fulfilled list member stores its value first);
+// each pending member carries one waiting entry that becomes its report when it
+// settles. Reports reach the main queue through a lock-free inbox, and only the main
+// queue reads them, counts and resolves.
 
 #include "nk/promise/promise_when.hpp"
 
@@ -27,12 +28,29 @@ using promise_internal::Waiter;
 struct Aggregate;
 
 // How one member settled: its dictionary key (nil for a list's member), its
-// position, and its slot (an Error when it was rejected).
+// position, and either its error or its value as a one-parameter then handler
+// receives it (nothing as nil, a spread list's first).
 struct Outcome {
   Id key;
   size_t index;
   Id value;
+  bool error = false;
 };
+
+// Fills in `o` from the member's slot, on the thread that has just read the slot,
+// which leaves the main queue less to do per member.
+void record(Outcome& o, Id slot, bool error) {
+  o.error = error;
+  if (!error) {
+    if (slot.get() == PRMNull()) {
+      slot = nullptr;
+    } else if (slot->isMemberOfClass(PRMArray::staticClass())) {
+      Id first = promise_internal::argumentAt(slot, 0);
+      slot = std::move(first);
+    }
+  }
+  o.value = std::move(slot);
+}
 
 // A pending member's waiting entry and, once the member has settled, its report.
 // Owned by the member's handler list until it runs, then by the aggregate's inbox.
@@ -40,7 +58,7 @@ struct MemberReport final : Waiter {
   MemberReport(std::shared_ptr<Aggregate> a, Id key, size_t index)
       : Waiter(&kOps), aggregate(std::move(a)), outcome{std::move(key), index, nullptr} {}
 
-  static void run(Waiter* self, const Id& value);
+  static void run(Waiter* self, promise_internal::Settlement& settlement);
   static void destroy(Waiter* self) noexcept { delete static_cast<MemberReport*>(self); }
   static constexpr Ops kOps = {&run, &destroy};
 
@@ -48,16 +66,19 @@ struct MemberReport final : Waiter {
   Outcome outcome;
 };
 
-// The members that had settled before the aggregate looked at them, in enumeration
-// order. Only ever posted to an inbox, never registered on a promise.
+// The members that had settled before the aggregate looked at them: the outcomes
+// to look at, in enumeration order, and how many fulfilled list members already
+// stored their values. Only ever posted to an inbox, never registered on a promise.
 struct BatchReport final : Waiter {
-  explicit BatchReport(std::vector<Outcome> o) : Waiter(&kOps), outcomes(std::move(o)) {}
+  BatchReport(std::vector<Outcome> o, size_t stored)
+      : Waiter(&kOps), outcomes(std::move(o)), storedCount(stored) {}
 
-  static void run(Waiter*, const Id&) {}
+  static void run(Waiter*, promise_internal::Settlement&) {}
   static void destroy(Waiter* self) noexcept { delete static_cast<BatchReport*>(self); }
   static constexpr Ops kOps = {&run, &destroy};
 
   std::vector<Outcome> outcomes;
+  size_t storedCount;
 };
 
 // The member's error again, with the failing position or key added. Starting from an
@@ -74,7 +95,8 @@ Ref<Error> failingMemberError(const Error& error, Id where) {
 
 // Shared by every member of one aggregate. Reports arrive from any thread through a
 // lock-free inbox; the count and the results belong to the main queue, so they need
-// no lock.
+// no lock. The one exception, the values the batch stores before it is posted, are
+// each in an element of their own, published by the post.
 struct Aggregate : std::enable_shared_from_this<Aggregate> {
   Aggregate(const PRMResolver& r, size_t count) : fulfill(r), reject(r), remaining(count) {}
 
@@ -90,14 +112,7 @@ struct Aggregate : std::enable_shared_from_this<Aggregate> {
 
   // Main queue: every report posted so far, oldest first.
   void drain() {
-    Waiter* newest = inbox.exchange(nullptr, std::memory_order_acquire);
-    Waiter* oldest = nullptr;
-    while (newest) {
-      Waiter* next = newest->next;
-      newest->next = oldest;
-      oldest = newest;
-      newest = next;
-    }
+    Waiter* oldest = promise_internal::reversed(inbox.exchange(nullptr, std::memory_order_acquire));
     while (oldest) {
       Waiter* report = oldest;
       oldest = oldest->next;
@@ -106,14 +121,15 @@ struct Aggregate : std::enable_shared_from_this<Aggregate> {
         settle(member->outcome);
       } else {
         std::unique_ptr<BatchReport> batch(static_cast<BatchReport*>(report));
-        for (const Outcome& o : batch->outcomes) settle(o);
+        for (Outcome& o : batch->outcomes) settle(o);
+        count(batch->storedCount);
       }
     }
   }
 
-  // What the member's catch and then handlers do with its outcome.
-  void settle(const Outcome& o) {
-    if (promise_internal::isError(o.value)) {
+  // What the member's catch and then handlers do with its outcome, which it uses up.
+  void settle(Outcome& o) {
+    if (o.error) {
       const auto& error = static_cast<const Error&>(*o.value);
       PRMError::consume(&error);  // a later rejection counts as handled too
       if (decided) return;
@@ -122,14 +138,25 @@ struct Aggregate : std::enable_shared_from_this<Aggregate> {
       return;
     }
     if (decided) return;
-    // As a one-parameter then handler receives it: nothing as nil, a spread list's first.
-    Id value = o.value.get() == PRMNull() ? Id() : promise_internal::argumentAt(o.value, 0);
     if (dictionary) {
-      if (value) dictionary->setObjectForKey(std::move(value), o.key.get());
+      if (o.value) dictionary->setObjectForKey(std::move(o.value), o.key.get());
     } else {
-      values[o.index] = value ? std::move(value) : Id(Null::null());
+      store(o.index, std::move(o.value));
     }
-    if (--remaining != 0) return;
+    count(1);
+  }
+
+  // A list member's value in the result. Fulfilled members already settled when the
+  // aggregate is made store theirs from the calling thread, each in its own element.
+  void store(size_t index, Id value) {
+    values[index] = value ? std::move(value) : Id(Null::null());
+  }
+
+  // `n` more members fulfilled, their values stored.
+  void count(size_t n) {
+    if (decided || n == 0) return;
+    remaining -= n;
+    if (remaining != 0) return;
     decided = true;
     if (dictionary) {
       fulfill(dictionary);
@@ -168,7 +195,8 @@ void watch(const PRMPromise* promise, MemberReport* report) {
     if (!slot) return;
     const PRMPromise* inner = promise_internal::asPromise(slot);
     if (!inner) {
-      report->outcome.value = std::move(slot);
+      bool error = promise_internal::isError(slot);
+      record(report->outcome, std::move(slot), error);
       report->aggregate->post(report);
       return;
     }
@@ -176,10 +204,12 @@ void watch(const PRMPromise* promise, MemberReport* report) {
   }
 }
 
-void MemberReport::run(Waiter* self, const Id& value) {
+void MemberReport::run(Waiter* self, promise_internal::Settlement& settlement) {
   auto* report = static_cast<MemberReport*>(self);
+  settlement.flush();
+  const Id& value = settlement.value;
   if (const PRMPromise* inner = promise_internal::asPromise(value)) return watch(inner, report);
-  report->outcome.value = value;
+  record(report->outcome, value, settlement.error);
   report->aggregate->post(report);
 }
 
@@ -188,28 +218,46 @@ void MemberReport::run(Waiter* self, const Id& value) {
 // the walk raises, so that their errors still count as handled).
 class Watcher {
  public:
-  explicit Watcher(std::shared_ptr<Aggregate> a) : aggregate_(std::move(a)) {}
+  // `expected`: how many members there are, so that the batch grows once.
+  Watcher(std::shared_ptr<Aggregate> a, size_t expected)
+      : aggregate_(std::move(a)), expected_(expected) {}
 
   void member(const Id& member, Id key, size_t index) {
-    Id slot = member;
-    if (const PRMPromise* promise = promise_internal::asPromise(member)) {
-      const PRMPromise* pending = nullptr;
-      slot = settledSlot(promise, &pending);
-      if (!slot) {
-        watch(pending, new MemberReport(aggregate_, std::move(key), index));
-        return;
-      }
+    const PRMPromise* promise = promise_internal::asPromise(member);
+    if (!promise) return add(std::move(key), index, member);
+    const PRMPromise* pending = nullptr;
+    Id slot = settledSlot(promise, &pending);
+    if (!slot) {
+      watch(pending, new MemberReport(aggregate_, std::move(key), index));
+      return;
     }
-    settled_.push_back({std::move(key), index, std::move(slot)});
+    add(std::move(key), index, std::move(slot));
   }
 
   ~Watcher() {
-    if (!settled_.empty()) aggregate_->post(new BatchReport(std::move(settled_)));
+    if (!settled_.empty() || stored_ != 0) {
+      aggregate_->post(new BatchReport(std::move(settled_), stored_));
+    }
   }
 
  private:
+  void add(Id key, size_t index, Id slot) {
+    Outcome o{std::move(key), index, nullptr};
+    bool error = promise_internal::isError(slot);
+    record(o, std::move(slot), error);
+    if (!o.key && !o.error) {
+      aggregate_->store(index, std::move(o.value));
+      ++stored_;
+      return;
+    }
+    if (o.key && settled_.empty()) settled_.reserve(expected_);
+    settled_.push_back(std::move(o));
+  }
+
   std::shared_ptr<Aggregate> aggregate_;
+  size_t expected_;
   std::vector<Outcome> settled_;
+  size_t stored_ = 0;
 };
 
 }  // namespace
@@ -225,7 +273,7 @@ Ref<PRMPromise> PRMAll(const Id& collection) {
     } else {
       shared->values.resize(count);
     }
-    Watcher watcher(shared);
+    Watcher watcher(shared, count);
     if (keyed) {
       const auto* dictionary = static_cast<const Dictionary*>(collection.get());
       enumerate(dictionary, [&](const Id& entryKey) {
