@@ -11,6 +11,8 @@
 #include <climits>
 #include <thread>
 
+#include "nk/foundation/block_pool.hpp"
+
 namespace nk::dispatch_internal {
 namespace {
 
@@ -166,6 +168,7 @@ bool ThreadPool::park(bool& searching) {
     }
     // Claimed meanwhile: counted as searching by the claimer.
   } else {
+    block_pool::trim();
     while (parked(s) & bit) {
       waitBit(&state_, parked(s), bit);
       // Everything a woken worker touches next was written by the thread that woke it:

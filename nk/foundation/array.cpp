@@ -27,7 +27,7 @@ std::string boundsText(size_t index, size_t count) {
   return text + "[0 .. " + std::to_string(count - 1) + "]";
 }
 
-void checkNoNil(const std::vector<Id>& objects, const Object* self) {
+void checkNoNil(std::span<const Id> objects, const Object* self) {
   for (size_t i = 0; i < objects.size(); ++i) {
     if (!objects[i]) {
       Exception::raise(kInvalidArgumentException, methodPrefix(self, "initWithObjects:count:") +
@@ -41,7 +41,10 @@ void checkNoNil(const std::vector<Id>& objects, const Object* self) {
 
 // ---- Array -------------------------------------------------------------------
 
-Array::Array(std::vector<Id> objects) : items_(std::move(objects)) { checkNoNil(items_, this); }
+Array::Array(std::vector<Id> objects)
+    : items_(std::make_move_iterator(objects.begin()), std::make_move_iterator(objects.end())) {
+  checkNoNil(items_, this);
+}
 
 Ref<Array> Array::make() { return Ref<Array>::adopt(new Array()); }
 Ref<Array> Array::make(std::initializer_list<Id> objects) {
@@ -107,7 +110,7 @@ Ref<Array> Array::arrayByAddingObject(Id object) const {
   requireObject(object.get(), "arrayByAddingObject:", this);
   std::vector<Id> items;
   items.reserve(items_.size() + 1);
-  items = items_;
+  items.assign(items_.begin(), items_.end());
   items.push_back(std::move(object));
   return make(std::move(items));
 }
@@ -115,7 +118,7 @@ Ref<Array> Array::arrayByAddingObject(Id object) const {
 Ref<Array> Array::arrayByAddingObjectsFromArray(const Array* other) const {
   std::vector<Id> items;
   items.reserve(items_.size() + (other ? other->items_.size() : 0));
-  items = items_;
+  items.assign(items_.begin(), items_.end());
   if (other) items.insert(items.end(), other->items_.begin(), other->items_.end());
   return make(std::move(items));
 }
@@ -139,7 +142,9 @@ Ref<String> Array::description() const { return description_internal::describeCo
 
 Id Array::copy() const { return Id(const_cast<Array*>(this)); }
 
-Id Array::mutableCopy() const { return MutableArray::make(items_); }
+Id Array::mutableCopy() const {
+  return MutableArray::make(std::vector<Id>(items_.begin(), items_.end()));
+}
 
 // ---- MutableArray --------------------------------------------------------------
 
@@ -248,19 +253,18 @@ void MutableArray::removeObjectIdenticalTo(const Object* object) {
 }
 
 void MutableArray::removeAllObjects() {
-  std::vector<Id> old;
+  Items old;
   old.swap(items_);
   noteMutation();
 }
 
 void MutableArray::setArray(const Array* other) {
   if (other == this) return;
-  std::vector<Id> items =
-      other ? std::vector<Id>(other->objects().begin(), other->objects().end()) : std::vector<Id>();
+  Items items = other ? Items(other->objects().begin(), other->objects().end()) : Items();
   items.swap(items_);
   noteMutation();
 }
 
-Id MutableArray::copy() const { return Array::make(items_); }
+Id MutableArray::copy() const { return Array::make(objects()); }
 
 }  // namespace nk

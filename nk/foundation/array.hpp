@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/enumeration.hpp"
 #include "nk/foundation/object.hpp"
 #include "nk/foundation/string.hpp"
@@ -97,13 +98,19 @@ class Array : public Object {
   // Bumped by every change of a mutable array; constant for immutable ones.
   uint32_t mutationCount() const noexcept { return spare_; }
 
+  // Arrays and their elements come from the per-thread block pool.
+  static void* operator new(size_t size) { return block_pool::allocate(size); }
+  static void operator delete(void* p, size_t size) noexcept { block_pool::deallocate(p, size); }
+
  protected:
+  using Items = std::vector<Id, block_pool::Allocator<Id>>;
+
   Array() noexcept = default;
   void noteMutation() noexcept { ++spare_; }
   // Raises "NSInvalidArgumentException" naming `method` when `object` is nil.
   static void requireObject(const Object* object, const char* method, const Object* self);
 
-  std::vector<Id> items_;
+  Items items_;
 };
 
 class Array::Iterator {

@@ -43,7 +43,7 @@ OrderedTable::OrderedTable(const OrderedTable& other) {
 }
 
 size_t OrderedTable::find(const Object* key, size_t hash) const noexcept {
-  if (!slots_) {
+  if (slots_.empty()) {
     for (size_t i = 0; i < entries_.size(); ++i) {
       if (matches(entries_[i], key, hash)) return i;
     }
@@ -70,14 +70,14 @@ void OrderedTable::insertSlot(uint32_t position, size_t hash) noexcept {
 
 void OrderedTable::rebuild(size_t minimumEntries) {
   if (minimumEntries <= kLinearLimit) {
-    slots_.reset();
+    decltype(slots_)().swap(slots_);
     slotShift_ = 64;
     return;
   }
   // At most half full after a rebuild; append() rebuilds past three quarters.
   uint32_t bits = 4;
   while ((size_t{1} << bits) < minimumEntries * 2) ++bits;
-  slots_ = std::make_unique<Slot[]>(size_t{1} << bits);
+  slots_.assign(size_t{1} << bits, Slot{0, 0});
   slotShift_ = 64 - bits;
   for (size_t i = 0; i < entries_.size(); ++i) {
     if (entries_[i].key) insertSlot(static_cast<uint32_t>(i), entries_[i].hash);
@@ -90,7 +90,7 @@ void OrderedTable::append(Id key, Id value, size_t hash) {
   entries_.push_back(TableEntry{std::move(key), std::move(value), hash});
   ++live_;
   const size_t n = entries_.size();
-  if (slots_) {
+  if (!slots_.empty()) {
     const size_t capacity = size_t{1} << (64 - slotShift_);
     if (n * 4 > capacity * 3)
       rebuild(n);
@@ -121,7 +121,7 @@ void OrderedTable::compact() {
 
 void OrderedTable::clear() noexcept {
   entries_.clear();
-  slots_.reset();
+  decltype(slots_)().swap(slots_);
   slotShift_ = 64;
   live_ = 0;
   ++layout_;
@@ -130,7 +130,7 @@ void OrderedTable::clear() noexcept {
 void OrderedTable::reserve(size_t count) {
   entries_.reserve(count);
   if (count > kLinearLimit) {
-    const size_t capacity = slots_ ? size_t{1} << (64 - slotShift_) : 0;
+    const size_t capacity = slots_.empty() ? 0 : size_t{1} << (64 - slotShift_);
     if (count * 4 > capacity * 3) rebuild(count);
   }
 }

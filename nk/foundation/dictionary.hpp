@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/enumeration.hpp"
 #include "nk/foundation/object.hpp"
 #include "nk/foundation/string.hpp"
@@ -43,6 +44,7 @@ class OrderedTable {
   static constexpr size_t kNone = static_cast<size_t>(-1);
   // Up to this many entries are found by a scan, without an index.
   static constexpr size_t kLinearLimit = 8;
+  using Entries = std::vector<TableEntry, block_pool::Allocator<TableEntry>>;
 
   OrderedTable() noexcept = default;
   // Copies the live entries only.
@@ -55,6 +57,7 @@ class OrderedTable {
         layout_(other.layout_),
         live_(std::exchange(other.live_, 0)) {
     other.entries_.clear();
+    other.slots_.clear();
     ++other.layout_;
   }
   // Takes the entries of `other` in a new layout of this table; the previous
@@ -65,6 +68,7 @@ class OrderedTable {
     other.entries_.clear();
     ++other.layout_;
     slots_ = std::move(other.slots_);
+    other.slots_.clear();
     slotShift_ = std::exchange(other.slotShift_, 64);
     live_ = std::exchange(other.live_, 0);
     layout_ = old.layout_;
@@ -84,7 +88,7 @@ class OrderedTable {
   void reserve(size_t count);
 
   // All positions, removed ones included (their key is nil).
-  const std::vector<TableEntry>& entries() const noexcept { return entries_; }
+  const Entries& entries() const noexcept { return entries_; }
   TableEntry& entryAt(size_t position) noexcept { return entries_[position]; }
   // The first live position at or after `position`, or entries().size().
   size_t nextLive(size_t position) const noexcept {
@@ -103,9 +107,9 @@ class OrderedTable {
   void insertSlot(uint32_t position, size_t hash) noexcept;
   void compact();
 
-  std::vector<TableEntry> entries_;
-  std::unique_ptr<Slot[]> slots_;  // null while scanning suffices
-  uint32_t slotShift_ = 64;        // 64 - log2(slot count)
+  Entries entries_;
+  std::vector<Slot, block_pool::Allocator<Slot>> slots_;  // empty while scanning suffices
+  uint32_t slotShift_ = 64;                               // 64 - log2(slot count)
   uint32_t layout_ = 0;
   size_t live_ = 0;
 };
@@ -218,6 +222,10 @@ class Dictionary : public Object {
 
   // Bumped by every change of a mutable dictionary.
   uint32_t mutationCount() const noexcept { return spare_; }
+
+  // Dictionaries and their entries come from the per-thread block pool.
+  static void* operator new(size_t size) { return block_pool::allocate(size); }
+  static void operator delete(void* p, size_t size) noexcept { block_pool::deallocate(p, size); }
 
  protected:
   Dictionary() noexcept = default;

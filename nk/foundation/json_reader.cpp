@@ -23,10 +23,14 @@ namespace {
 
 using collection_internal::OrderedTable;
 
-// Reaches the entry table of a dictionary we are building, so that entries go in
-// without a key copy and a mutation count per insert.
+// Reach the storage of containers we are building, so that entries go in
+// without a key copy and a mutation count per insert, and elements are moved
+// in without touching their reference counts.
 struct DictionaryTable : Dictionary {
   static OrderedTable& of(Dictionary& d) noexcept { return d.*(&DictionaryTable::table_); }
+};
+struct ArrayItems : Array {
+  static Items& of(Array& a) noexcept { return a.*(&ArrayItems::items_); }
 };
 
 struct ParseFailure {
@@ -122,11 +126,12 @@ class Builder {
 
   // Array of the values from `start` to the top of the value stack.
   Id array(size_t start) {
-    std::vector<Id> items(std::make_move_iterator(values_.begin() + start),
-                          std::make_move_iterator(values_.end()));
-    values_.resize(start);
-    if (mutableContainers_) return MutableArray::make(std::move(items));
-    return Array::make(std::move(items));
+    Ref<Array> a = mutableContainers_ ? Ref<Array>(MutableArray::make()) : Array::make();
+    const auto first = values_.begin() + static_cast<std::ptrdiff_t>(start);
+    ArrayItems::of(*a).assign(std::make_move_iterator(first),
+                              std::make_move_iterator(values_.end()));
+    values_.erase(first, values_.end());
+    return a;
   }
 
   // Dictionary of the entries from `start` to the top of the entry stack.

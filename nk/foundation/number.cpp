@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/number_internal.hpp"
 
@@ -216,6 +217,9 @@ Ref<String> Number::description() const {
 }
 
 Id Number::copy() const { return Id(const_cast<Number*>(this)); }
+
+void* Number::operator new(size_t size) { return block_pool::allocate(size); }
+void Number::operator delete(void* p, size_t size) noexcept { block_pool::deallocate(p, size); }
 
 namespace number_internal {
 

@@ -94,6 +94,10 @@ class Number : public Object {
   // Numbers are immutable: copy returns the number itself.
   Id copy() const override;
 
+  // Numbers come from the per-thread block pool.
+  static void* operator new(size_t size);
+  static void operator delete(void* p, size_t size) noexcept;
+
  protected:
   enum class Kind : uint8_t { kSigned, kUnsigned, kFloating };
   union Value {

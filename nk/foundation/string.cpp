@@ -9,6 +9,7 @@
 #include <new>
 #include <vector>
 
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/exception.hpp"
 
@@ -268,10 +269,22 @@ class Units {
 
 String* String::allocate(size_t length, bool latin1) {
   size_t bytes = sizeof(String) + length * (latin1 ? 1 : 2);
-  void* mem = ::operator new(bytes);
+  void* mem = block_pool::allocate(bytes);
   String* s = new (mem) String();
+  s->spare_ |= kInlineFlag;
   s->setStorage(s->inlineStorage(), length, latin1);
   return s;
+}
+
+void String::operator delete(String* s, std::destroying_delete_t) noexcept {
+  const bool inlineUnits = s->spare_ & kInlineFlag;
+  const size_t bytes = sizeof(String) + s->length_ * (s->isLatin1() ? 1 : 2);
+  s->~String();
+  if (inlineUnits) {
+    block_pool::deallocate(s, bytes);
+  } else {
+    ::operator delete(s);
+  }
 }
 
 // Makes an immutable string of any units, compact when they all fit Latin-1.

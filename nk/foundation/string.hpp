@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -86,11 +87,14 @@ class String : public Object {
     }
   }
 
-  // Immutable strings keep their units in the same allocation, so deletion must
-  // not pass the size of the object alone.
+  // An immutable string keeps its units in the same block, taken from the
+  // per-thread block pool (block_pool.hpp); deletion learns the block's size from
+  // the string before destroying it. Other strings are plain heap objects.
   static void* operator new(size_t size) { return ::operator new(size); }
   static void* operator new(size_t, void* place) noexcept { return place; }
-  static void operator delete(void* p) { ::operator delete(p); }
+  static void operator delete(String* s, std::destroying_delete_t) noexcept;
+  // For a constructor that throws.
+  static void operator delete(void* p) noexcept { ::operator delete(p); }
 
  protected:
   static constexpr uint32_t kLatin1Flag = 1;
@@ -109,6 +113,8 @@ class String : public Object {
   // `latin1` must tell whether every unit is at most U+00FF.
   static Ref<String> fromUnits(const char16_t* units, size_t count, bool latin1);
   void* inlineStorage() noexcept { return this + 1; }
+  // Marks a string whose units follow it in its block (made by allocate()).
+  static constexpr uint32_t kInlineFlag = 2;
 
   const void* chars_ = nullptr;
   size_t length_ = 0;
