@@ -1,19 +1,20 @@
-// PRMAll and PRMWhen: one shared record per aggregate counts the members still out
-// and holds their values. Members already settled when the aggregate is made are
-// reported together in one batch (a fulfilled list member stores its value first);
-// each pending member carries one waiting entry that becomes its report when it
-// settles. Reports reach the main queue through a lock-free inbox, and only the main
-// queue reads them, counts and resolves.
+// PRMAll and PRMWhen: one record per aggregate holds the members' values by position
+// and an array of waiting entries, one per pending member, allocated once. Members are
+// counted out on the threads that settle them; the main queue hears only of the first
+// rejection or of the last fulfilment, and settles the aggregate there.
 
 #include "nk/promise/promise_when.hpp"
 
 #include <atomic>
 #include <memory>
+#include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "nk/dispatch/queue.hpp"
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/class.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/enumeration.hpp"
 #include "nk/foundation/null.hpp"
@@ -23,63 +24,25 @@ namespace nk {
 namespace {
 
 using promise_internal::Access;
+using promise_internal::Settlement;
 using promise_internal::Waiter;
 
-struct Aggregate;
+class Aggregate;
 
-// How one member settled: its dictionary key (nil for a list's member), its
-// position, and either its error or its value as a one-parameter then handler
-// receives it (nothing as nil, a spread list's first).
-struct Outcome {
-  Id key;
-  size_t index;
-  Id value;
-  bool error = false;
+// The operations of an aggregate's waiting entries, kept in the aggregate so that an
+// entry's operations pointer also leads to its aggregate: an entry is then no more
+// than the two words every waiting entry has. Entries live in their aggregate's
+// array, so an entry's position is where it sits there.
+struct EntryOps : Waiter::Ops {
+  Aggregate* aggregate;
 };
 
-// Fills in `o` from the member's slot, on the thread that has just read the slot,
-// which leaves the main queue less to do per member.
-void record(Outcome& o, Id slot, bool error) {
-  o.error = error;
-  if (!error) {
-    if (slot.get() == PRMNull()) {
-      slot = nullptr;
-    } else if (slot->isMemberOfClass(PRMArray::staticClass())) {
-      Id first = promise_internal::argumentAt(slot, 0);
-      slot = std::move(first);
-    }
-  }
-  o.value = std::move(slot);
+// Entries are never destroyed one by one, only freed with their array.
+static_assert(std::is_trivially_destructible_v<Waiter>);
+
+Aggregate& aggregateOf(const Waiter* entry) noexcept {
+  return *static_cast<const EntryOps*>(entry->ops)->aggregate;
 }
-
-// A pending member's waiting entry and, once the member has settled, its report.
-// Owned by the member's handler list until it runs, then by the aggregate's inbox.
-struct MemberReport final : Waiter {
-  MemberReport(std::shared_ptr<Aggregate> a, Id key, size_t index)
-      : Waiter(&kOps), aggregate(std::move(a)), outcome{std::move(key), index, nullptr} {}
-
-  static void run(Waiter* self, promise_internal::Settlement& settlement);
-  static void destroy(Waiter* self) noexcept { delete static_cast<MemberReport*>(self); }
-  static constexpr Ops kOps = {&run, &destroy};
-
-  std::shared_ptr<Aggregate> aggregate;
-  Outcome outcome;
-};
-
-// The members that had settled before the aggregate looked at them: the outcomes
-// to look at, in enumeration order, and how many fulfilled list members already
-// stored their values. Only ever posted to an inbox, never registered on a promise.
-struct BatchReport final : Waiter {
-  BatchReport(std::vector<Outcome> o, size_t stored)
-      : Waiter(&kOps), outcomes(std::move(o)), storedCount(stored) {}
-
-  static void run(Waiter*, promise_internal::Settlement&) {}
-  static void destroy(Waiter* self) noexcept { delete static_cast<BatchReport*>(self); }
-  static constexpr Ops kOps = {&run, &destroy};
-
-  std::vector<Outcome> outcomes;
-  size_t storedCount;
-};
 
 // The member's error again, with the failing position or key added. Starting from an
 // empty dictionary when the member had no user information keeps the key readable.
@@ -93,172 +56,168 @@ Ref<Error> failingMemberError(const Error& error, Id where) {
   return Error::make(error.domain(), error.code(), info);
 }
 
-// Shared by every member of one aggregate. Reports arrive from any thread through a
-// lock-free inbox; the count and the results belong to the main queue, so they need
-// no lock. The one exception, the values the batch stores before it is posted, are
-// each in an element of their own, published by the post.
-struct Aggregate : std::enable_shared_from_this<Aggregate> {
-  Aggregate(const PRMResolver& r, size_t count) : fulfill(r), reject(r), remaining(count) {}
-
-  // Any thread. The report that finds the inbox empty sends the batch on its way.
-  void post(Waiter* report) {
-    Waiter* head = inbox.load(std::memory_order_relaxed);
-    do {
-      report->next = head;
-    } while (!inbox.compare_exchange_weak(head, report, std::memory_order_release,
-                                          std::memory_order_relaxed));
-    if (!head) Queue::main().async([self = shared_from_this()] { self->drain(); });
-  }
-
-  // Main queue: every report posted so far, oldest first.
-  void drain() {
-    Waiter* oldest = promise_internal::reversed(inbox.exchange(nullptr, std::memory_order_acquire));
-    while (oldest) {
-      Waiter* report = oldest;
-      oldest = oldest->next;
-      if (report->ops == &MemberReport::kOps) {
-        std::unique_ptr<MemberReport> member(static_cast<MemberReport*>(report));
-        settle(member->outcome);
-      } else {
-        std::unique_ptr<BatchReport> batch(static_cast<BatchReport*>(report));
-        for (Outcome& o : batch->outcomes) settle(o);
-        count(batch->storedCount);
-      }
-    }
-  }
-
-  // What the member's catch and then handlers do with its outcome, which it uses up.
-  void settle(Outcome& o) {
-    if (o.error) {
-      const auto& error = static_cast<const Error&>(*o.value);
-      PRMError::consume(&error);  // a later rejection counts as handled too
-      if (decided) return;
-      decided = true;
-      reject(failingMemberError(error, o.key ? o.key : Id(Number::withUnsignedInteger(o.index))));
-      return;
-    }
-    if (decided) return;
-    if (dictionary) {
-      if (o.value) dictionary->setObjectForKey(std::move(o.value), o.key.get());
-    } else {
-      store(o.index, std::move(o.value));
-    }
-    count(1);
-  }
-
-  // A list member's value in the result. Fulfilled members already settled when the
-  // aggregate is made store theirs from the calling thread, each in its own element.
-  void store(size_t index, Id value) {
-    values[index] = value ? std::move(value) : Id(Null::null());
-  }
-
-  // `n` more members fulfilled, their values stored.
-  void count(size_t n) {
-    if (decided || n == 0) return;
-    remaining -= n;
-    if (remaining != 0) return;
-    decided = true;
-    if (dictionary) {
-      fulfill(dictionary);
-    } else {
-      fulfill(Array::make(std::move(values)));
-    }
-  }
-
-  PRMFulfiller fulfill;
-  PRMRejecter reject;
-  size_t remaining;
-  bool decided = false;
-  std::vector<Id> values;             // list form
-  Ref<MutableDictionary> dictionary;  // dictionary form
-  std::atomic<Waiter*> inbox{nullptr};
-};
-
-// The slot of `promise`, following promises settled with promises; nil while pending,
-// in which case `*pending` is the promise to wait on.
-Id settledSlot(const PRMPromise* promise, const PRMPromise** pending) {
-  for (;;) {
-    Id slot = PRMGetResult(promise);
-    const PRMPromise* inner = promise_internal::asPromise(slot);
-    if (!inner) {
-      *pending = promise;
-      return slot;
-    }
-    promise = inner;
-  }
-}
-
-// Leaves `report` on `promise` or, when the promise has settled by now, posts it.
-void watch(const PRMPromise* promise, MemberReport* report) {
-  for (;;) {
-    Id slot = Access::tryRegister(promise, report);
-    if (!slot) return;
-    const PRMPromise* inner = promise_internal::asPromise(slot);
-    if (!inner) {
-      bool error = promise_internal::isError(slot);
-      record(report->outcome, std::move(slot), error);
-      report->aggregate->post(report);
-      return;
-    }
-    promise = inner;
-  }
-}
-
-void MemberReport::run(Waiter* self, promise_internal::Settlement& settlement) {
-  auto* report = static_cast<MemberReport*>(self);
-  settlement.flush();
-  const Id& value = settlement.value;
-  if (const PRMPromise* inner = promise_internal::asPromise(value)) return watch(inner, report);
-  record(report->outcome, value, settlement.error);
-  report->aggregate->post(report);
-}
-
-// Walks the collection once, leaving an entry on every pending member and collecting
-// the outcomes of the settled ones, which go to the main queue in one batch (also when
-// the walk raises, so that their errors still count as handled).
-class Watcher {
+// Shared by the walk over the collection and every pending member. `out_` counts the
+// entries that have not run yet plus the walk's own hold; whoever brings it to zero
+// either hands the record to the main queue to fulfil the aggregate or, when that can
+// no longer happen, frees it. Each member's value is written by the thread that saw it
+// settle, into an element of its own, before that thread counts it out, so the one
+// that counts out last sees them all.
+class Aggregate {
  public:
-  // `expected`: how many members there are, so that the batch grows once.
-  Watcher(std::shared_ptr<Aggregate> a, size_t expected)
-      : aggregate_(std::move(a)), expected_(expected) {}
+  Aggregate(PRMResolver resolver, size_t count, bool keyed)
+      : resolve_(std::move(resolver)),
+        count_(count),
+        keyed_(keyed),
+        values_(count),
+        entryOps_{{&runEntry, &dropEntry}, this} {
+    if (keyed) keys_.resize(count);
+  }
+  ~Aggregate() { ::operator delete(entries_); }
 
-  void member(const Id& member, Id key, size_t index) {
-    const PRMPromise* promise = promise_internal::asPromise(member);
-    if (!promise) return add(std::move(key), index, member);
-    const PRMPromise* pending = nullptr;
-    Id slot = settledSlot(promise, &pending);
-    if (!slot) {
-      watch(pending, new MemberReport(aggregate_, std::move(key), index));
-      return;
+  // The walk: one call per member in enumeration order, then endWalk().
+  void member(size_t index, const Id& member, Id key) {
+    if (keyed_) keys_[index] = std::move(key);
+    const Class* cls = member ? &member->objectClass() : nullptr;
+    if (cls != promiseClass_) return settled(index, member, cls, isErrorClass(cls));
+    const auto* promise = static_cast<const PRMPromise*>(member.get());
+    for (;;) {
+      // A slot's content lives as long as its promise, so `promise` stays valid.
+      Id slot = PRMGetResult(promise);
+      if (!slot) {
+        if (!entries_) {
+          // Entries are made only for members found pending.
+          entries_ = static_cast<Waiter*>(::operator new(count_ * sizeof(Waiter)));
+        }
+        auto* entry = ::new (static_cast<void*>(entries_ + index)) Waiter(&entryOps_);
+        slot = Access::tryRegister(promise, entry);
+        if (!slot) {
+          ++registered_;
+          return;
+        }
+        // Settled between the two looks.
+      }
+      cls = &slot->objectClass();
+      if (cls != promiseClass_) return settled(index, std::move(slot), cls, isErrorClass(cls));
+      promise = static_cast<const PRMPromise*>(slot.get());
     }
-    add(std::move(key), index, std::move(slot));
   }
 
-  ~Watcher() {
-    if (!settled_.empty() || stored_ != 0) {
-      aggregate_->post(new BatchReport(std::move(settled_), stored_));
+  // Gives back the walk's hold and the share of the members that never got an entry.
+  // `complete`: every member was visited. A walk cut short by a raise leaves the
+  // aggregate to the body's rejection; one that found fewer members than it counted
+  // never fulfils, as positions would be missing.
+  void endWalk(bool complete, bool raised) {
+    if (raised) {
+      flags_.fetch_or(kDecided, std::memory_order_relaxed);
+    } else if (!complete) {
+      flags_.fetch_or(kAbandoned, std::memory_order_relaxed);
     }
+    countOut(count_ + 1 - registered_);
   }
 
  private:
-  void add(Id key, size_t index, Id slot) {
-    Outcome o{std::move(key), index, nullptr};
-    bool error = promise_internal::isError(slot);
-    record(o, std::move(slot), error);
-    if (!o.key && !o.error) {
-      aggregate_->store(index, std::move(o.value));
-      ++stored_;
-      return;
-    }
-    if (o.key && settled_.empty()) settled_.reserve(expected_);
-    settled_.push_back(std::move(o));
+  static void runEntry(Waiter* entry, Settlement& settlement) {
+    settlement.flush();
+    aggregateOf(entry).entrySettled(entry, settlement.value, settlement.error);
+  }
+  // An entry dropped unrun (its member died pending): the aggregate can no longer
+  // fulfil, though another member may still reject it.
+  static void dropEntry(Waiter* entry) noexcept {
+    Aggregate& self = aggregateOf(entry);
+    self.flags_.fetch_or(kAbandoned, std::memory_order_relaxed);
+    self.countOut(1);
   }
 
-  std::shared_ptr<Aggregate> aggregate_;
-  size_t expected_;
-  std::vector<Outcome> settled_;
-  size_t stored_ = 0;
+  // The member of `entry` has settled with `value`, which may be nil for nothing or
+  // a promise to wait on in turn; `error` tells whether it is an error.
+  void entrySettled(Waiter* entry, const Id& value, bool error);
+
+  static constexpr unsigned kDecided = 1;    // rejected, or left to the body's rejection
+  static constexpr unsigned kAbandoned = 2;  // a member will never settle
+
+  bool isErrorClass(const Class* cls) const noexcept {
+    return cls && cls->isSubclassOf(*errorClass_);
+  }
+
+  // What a member's catch and then handlers do with its outcome `slot`, on any
+  // thread. `cls` is the slot's class, looked up once by the caller (nil for nil).
+  void settled(size_t index, Id slot, const Class* cls, bool error) {
+    if (error) return rejected(index, static_cast<const Error&>(*slot));
+    // Nothing and several values arrive as a one-parameter handler receives them.
+    if (slot.get() == nothing_) {
+      slot = nullptr;
+    } else if (cls == spreadClass_) {
+      Id first = static_cast<const PRMArray*>(slot.get())->at(0);
+      slot = std::move(first);
+    }
+    if (!slot && !keyed_) slot = Id(Null::null());
+    values_[index] = std::move(slot);
+  }
+
+  void rejected(size_t index, const Error& error) {
+    PRMError::consume(&error);  // a later rejection counts as handled too
+    if (flags_.fetch_or(kDecided, std::memory_order_relaxed) & kDecided) return;
+    Id where = keyed_ ? keys_[index] : Id(Number::withUnsignedInteger(index));
+    Queue::main().async(
+        [resolve = resolve_, e = failingMemberError(error, std::move(where))] { resolve(e); });
+  }
+
+  // The last one out fulfils on the main queue, or frees the record.
+  void countOut(size_t n) {
+    if (out_.fetch_sub(n, std::memory_order_acq_rel) != n) return;
+    if (flags_.load(std::memory_order_relaxed) != 0) {
+      delete this;
+      return;
+    }
+    // No entry is looked at any more: they are freed here rather than on the main
+    // queue, which has the aggregate to settle.
+    Waiter* entries = std::exchange(entries_, nullptr);
+    Queue::main().async([self = std::unique_ptr<Aggregate>(this)] { self->fulfill(); });
+    ::operator delete(entries);
+  }
+
+  // Main queue, once every member has fulfilled.
+  void fulfill() {
+    if (!keyed_) {
+      resolve_(Array::make(std::move(values_)));
+      return;
+    }
+    auto dictionary = MutableDictionary::make();
+    for (size_t i = 0; i < count_; ++i) {
+      if (values_[i]) dictionary->setObjectForKey(std::move(values_[i]), keys_[i].get());
+    }
+    resolve_(dictionary);
+  }
+
+  PRMResolver resolve_;
+  const size_t count_;
+  const bool keyed_;
+  size_t registered_ = 0;  // the walk's: entries made
+  std::vector<Id> values_;
+  std::vector<Id> keys_;       // dictionary form: the key at each position
+  Waiter* entries_ = nullptr;  // raw storage for `count_`, built where needed
+  std::atomic<size_t> out_{count_ + 1};
+  std::atomic<unsigned> flags_{0};
+  // What slots are told apart by, looked up once rather than per member.
+  const Class* const promiseClass_ = &PRMPromise::staticClass();
+  const Class* const spreadClass_ = &PRMArray::staticClass();
+  const Class* const errorClass_ = &Error::staticClass();
+  const Object* const nothing_ = PRMNull();
+  const EntryOps entryOps_;
 };
+
+void Aggregate::entrySettled(Waiter* entry, const Id& value, bool error) {
+  const Class* cls = value ? &value->objectClass() : nullptr;
+  if (cls == promiseClass_) {
+    // The member followed a promise that had itself settled with a promise.
+    const auto* promise = static_cast<const PRMPromise*>(value.get());
+    Id slot = Access::tryRegister(promise, entry);
+    if (!slot) return;
+    return entrySettled(entry, slot, promise_internal::isError(slot));
+  }
+  settled(static_cast<size_t>(entry - entries_), value, cls, error);
+  countOut(1);
+}
 
 }  // namespace
 
@@ -267,29 +226,35 @@ Ref<PRMPromise> PRMAll(const Id& collection) {
   if (count == 0) return PRMPromise::promiseWithValue(collection);
   bool keyed = collection->isKindOfClass(Dictionary::staticClass());
   return PRMPromise::promiseWithResolver([&](PRMResolver resolver) {
-    auto shared = std::make_shared<Aggregate>(resolver, count);
-    if (keyed) {
-      shared->dictionary = MutableDictionary::make();
-    } else {
-      shared->values.resize(count);
-    }
-    Watcher watcher(shared, count);
-    if (keyed) {
-      const auto* dictionary = static_cast<const Dictionary*>(collection.get());
-      enumerate(dictionary, [&](const Id& entryKey) {
-        // Held apart from the table: a key's hash may change the dictionary under us.
-        Id key = entryKey;
-        const Id& member = dictionary->objectForKey(key.get());
-        watcher.member(member, std::move(key), 0);
-      });
-    } else {
-      size_t index = 0;
-      enumerate(collection.get(), [&](const Id& member) {
+    auto* aggregate = new Aggregate(std::move(resolver), count, keyed);
+    size_t index = 0;
+    try {
+      if (keyed) {
+        const auto* dictionary = static_cast<const Dictionary*>(collection.get());
+        enumerate(dictionary, [&](const Id& entryKey) {
+          // Held apart from the table: a key's hash may change the dictionary under us.
+          Id key = entryKey;
+          const Id& member = dictionary->objectForKey(key.get());
+          if (index < count) aggregate->member(index++, member, std::move(key));
+        });
+      } else {
         // A collection that grew since it was counted must not write past the end;
         // the enumeration itself raises on the change.
-        if (index < count) watcher.member(member, nullptr, index++);
-      });
+        auto visit = [&](const Id& member) {
+          if (index < count) aggregate->member(index++, member, nullptr);
+        };
+        // Arrays through their own iterator, which the compiler sees through.
+        if (const auto* array = cast<Array>(collection.get())) {
+          for (const Id& member : *array) visit(member);
+        } else {
+          enumerate(collection.get(), visit);
+        }
+      }
+    } catch (...) {
+      aggregate->endWalk(false, true);
+      throw;
     }
+    aggregate->endWalk(index == count, false);
   });
 }
 

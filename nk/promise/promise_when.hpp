@@ -20,7 +20,8 @@ namespace nk {
 // PRMFailingPromiseIndexKey: the position (unsigned number) or the dictionary key.
 // The key is always present, even when the member's error had no user information.
 // Later rejections are dropped, and count as handled. A member fulfilling with a
-// PRMArray contributes its element 0. Counting and resolving happen on the main queue.
+// PRMArray contributes its element 0. Members are counted on the threads that settle
+// them; the aggregate itself is always settled on the main queue.
 // The collection is not copied: it must not change while it is enumerated (a change
 // rejects the aggregate with the mutation exception's error). Anything that is not a
 // collection counts as an empty one.

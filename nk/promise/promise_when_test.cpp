@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "nk/foundation/array.hpp"
@@ -34,6 +36,16 @@ Id failingIndex(const Id& error) {
   return e->userInfo()->objectForKey(PRMFailingPromiseIndexKey());
 }
 
+// Makes every member pending and returns PRMAll of their promises, in order.
+Ref<PRMPromise> allOf(std::vector<promise_test::Deferred>& members) {
+  std::vector<Id> promises;
+  for (auto& m : members) {
+    m = deferred();
+    promises.push_back(m.promise);
+  }
+  return PRMAll(Array::make(std::move(promises)));
+}
+
 // A dictionary key whose hash, once armed, adds an entry to the dictionary that
 // holds it: host code that runs while all() walks its collection and changes it.
 class PromiseAllMutatingKey final : public Object {
@@ -54,6 +66,22 @@ class PromiseAllMutatingKey final : public Object {
   mutable bool fired = false;
 };
 NK_DEFINE_CLASS(PromiseAllMutatingKey, "PromiseAllMutatingKey", Class::kCopyable);
+
+// A dictionary key that, once given an action, runs it the next time it is hashed:
+// host code that settles members while all() is still walking the collection.
+class PromiseAllSettlingKey final : public Object {
+  NK_DECLARE_CLASS(PromiseAllSettlingKey, Object)
+
+ public:
+  size_t hash() const noexcept override {
+    if (action) std::exchange(action, nullptr)();
+    return 12;
+  }
+  Id copy() const override { return Id(const_cast<PromiseAllSettlingKey*>(this)); }
+
+  mutable std::function<void()> action;
+};
+NK_DEFINE_CLASS(PromiseAllSettlingKey, "PromiseAllSettlingKey", Class::kCopyable);
 
 TEST(PromiseAll, ResultShapes) {
   UnhandledCapture quiet;
@@ -111,12 +139,7 @@ TEST(PromiseAll, OrderSurvivesOutOfOrderSettling) {
 TEST(PromiseAll, MembersAndCallersOnOtherThreads) {
   {  // members settled from a background thread, in reverse order
     std::vector<promise_test::Deferred> members(50);
-    std::vector<Id> promises;
-    for (auto& m : members) {
-      m = deferred();
-      promises.push_back(m.promise);
-    }
-    auto p = PRMAll(Array::make(promises));
+    auto p = allOf(members);
     std::thread settler([&] {
       for (size_t i = members.size(); i-- > 0;) (*members[i].resolve)(num(static_cast<int>(i)));
     });
@@ -242,6 +265,135 @@ TEST(PromiseAll, CollectionMutatedWhileEnumerated) {
   EXPECT_NE(thrown->reason()->utf8().find("was mutated while being enumerated"), std::string::npos);
   EXPECT_TRUE(key->fired);
   p->catch_([] {});
+}
+
+TEST(PromiseAll, MembersSettlingWhileTheWalkRuns) {
+  promise_test::LogCapture log;
+  {  // one member settles after it was watched, another before it is reached
+    auto first = deferred(), middle = deferred(), last = deferred();
+    auto key = make<PromiseAllSettlingKey>();
+    auto dictionary = MutableDictionary::make();
+    dictionary->setObjectForKey(first.promise, NK_STR("first"));
+    dictionary->setObjectForKey(middle.promise, key);
+    dictionary->setObjectForKey(last.promise, NK_STR("last"));
+    key->action = [&] {
+      (*first.resolve)(num(1));
+      (*last.resolve)(num(3));
+    };
+    auto p = PRMAll(dictionary);
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_TRUE(p->pending());  // the middle member is still out
+    (*middle.resolve)(num(2));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(
+        p->value(),
+        Dictionary::make({{NK_STR("first"), num(1)}, {key, num(2)}, {NK_STR("last"), num(3)}})));
+  }
+  {  // every member settles during the walk: the walk's end fulfils, once
+    auto before = deferred(), own = deferred();
+    auto key = make<PromiseAllSettlingKey>();
+    auto dictionary = MutableDictionary::make();
+    dictionary->setObjectForKey(before.promise, NK_STR("before"));
+    dictionary->setObjectForKey(own.promise, key);
+    key->action = [&] {
+      (*before.resolve)(num(1));
+      (*own.resolve)(num(2));
+    };
+    auto p = PRMAll(dictionary);
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), Dictionary::make({{NK_STR("before"), num(1)}, {key, num(2)}})));
+  }
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+  EXPECT_EQ(log.count("Migriornop: Warning: Promise already resolved"), 0u);
+}
+
+TEST(PromiseAll, ManyThreadsSettlingAtOnce) {
+  UnhandledCapture reports;
+  promise_test::LogCapture log;
+  constexpr size_t kThreads = 4;
+  {  // interleaved fulfilments from several threads land in input order
+    constexpr size_t kCount = 4000;
+    std::vector<promise_test::Deferred> members(kCount);
+    auto p = allOf(members);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        for (size_t i = t; i < kCount; i += kThreads) {
+          (*members[i].resolve)(num(static_cast<int>(i)));
+        }
+      });
+    }
+    ASSERT_TRUE(settles(p));
+    for (auto& thread : threads) thread.join();
+    auto values = cast<Array>(p->value());
+    ASSERT_TRUE(values);
+    ASSERT_EQ(values->count(), kCount);
+    for (size_t i = 0; i < kCount; ++i) {
+      ASSERT_TRUE(isEqual(values->objectAtIndex(i), num(static_cast<int>(i)))) << i;
+    }
+  }
+  {  // rejections racing each other: one decides, with its own position
+    std::vector<promise_test::Deferred> members(2 * kThreads);
+    auto p = allOf(members);
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        while (!go.load()) std::this_thread::yield();
+        (*members[2 * t].resolve)(num(0));
+        (*members[2 * t + 1].resolve)(failure(static_cast<long>(2 * t + 1)));
+      });
+    }
+    go = true;
+    ASSERT_TRUE(settles(p));
+    for (auto& thread : threads) thread.join();
+    auto e = cast<Error>(p->value());
+    ASSERT_TRUE(e);
+    EXPECT_EQ(e->code() % 2, 1);
+    EXPECT_TRUE(isEqual(failingIndex(e), Number::withUnsignedInteger(e->code())));
+    p->catch_([] {});
+  }
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(30));
+  EXPECT_TRUE(reports.reports().empty()) << reports.reports().size();
+  EXPECT_EQ(log.count("Migriornop: Warning: Promise already resolved"), 0u);
+}
+
+TEST(PromiseAll, PendingMembersSettlingWithNothingOrAPromise) {
+  {  // nothing: Null in a list, the key left out of a dictionary
+    auto a = deferred(), b = deferred();
+    auto list = PRMAll(Array::make({a.promise}));
+    auto keyed = PRMAll(Dictionary::make({{NK_STR("b"), b.promise}, {NK_STR("c"), num(3)}}));
+    (*a.resolve)(nullptr);
+    (*b.resolve)(nullptr);
+    ASSERT_TRUE(settles(list));
+    ASSERT_TRUE(settles(keyed));
+    EXPECT_TRUE(isEqual(list->value(), Array::make({Null::null()})));
+    EXPECT_TRUE(isEqual(keyed->value(), Dictionary::make({{NK_STR("c"), num(3)}})));
+  }
+  {  // settled with a promise that holds a pending one: the member waits on that
+    auto inner = deferred(), member = deferred();
+    auto holder = PRMPromise::promiseWithValue(inner.promise);
+    auto p = PRMAll(Array::make({member.promise, num(1)}));
+    (*member.resolve)(holder);
+    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_TRUE(p->pending());
+    (*inner.resolve)(num(7));
+    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(p->value(), Array::make({num(7), num(1)})));
+  }
+}
+
+TEST(PromiseAll, MemberDyingPendingReleasesTheAggregate) {
+  // The aggregate can then never fulfil; what it kept for its members is freed.
+  Ref<PRMPromise> p;
+  {
+    auto member = deferred();
+    p = PRMAll(Array::make({member.promise, num(1)}));
+    EXPECT_GT(p->retainCount(), 1u);
+  }
+  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+  EXPECT_TRUE(p->pending());
+  EXPECT_EQ(p->retainCount(), 1u);
 }
 
 }  // namespace
