@@ -30,8 +30,13 @@ struct FreeBlock {
 };
 
 // Trivially destructible, so that reaching it costs no initialisation check.
+// Each class is a queue: blocks come back in the order they were freed. A large
+// document read after another was dropped then takes the old one's blocks in
+// the order it made them, which reads back faster than the reversed order a
+// stack gives.
 struct ThreadCache {
   FreeBlock* heads[kClasses];
+  FreeBlock* tails[kClasses];
   size_t cachedBytes;
   bool drainRegistered;
   bool ended;
@@ -90,8 +95,13 @@ void deallocate(void* p, size_t bytes) noexcept {
   }
   const size_t k = classOf(bytes);
   auto* b = static_cast<FreeBlock*>(p);
-  b->next = c.heads[k];
-  c.heads[k] = b;
+  b->next = nullptr;
+  if (c.heads[k]) {
+    c.tails[k]->next = b;
+  } else {
+    c.heads[k] = b;
+  }
+  c.tails[k] = b;
   c.cachedBytes += (k + 1) * kGranule;
 }
 

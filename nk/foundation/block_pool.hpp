@@ -4,10 +4,10 @@
 // Reading a large JSON text makes and frees objects by the hundred thousand.
 // glibc puts most of them in its fast bins and later merges them one by one,
 // which costs more than parsing the text. A freed block instead goes on a free
-// list of its thread, by size class, and the next allocation of that class takes
-// it back. A thread keeps a bounded amount of free blocks; beyond that, when the
-// thread ends, and when a dispatch worker goes idle (trim()), blocks go back to
-// the heap. A block freed on another
+// list of its thread, by size class, and allocations of that class take the
+// blocks back in the order they were freed. A thread keeps a bounded amount of
+// free blocks; beyond that, when the thread ends, and when a dispatch worker
+// goes idle (trim()), blocks go back to the heap. A block freed on another
 // thread than the one that made it joins the freeing thread's lists.
 #pragma once
 
