@@ -1,14 +1,18 @@
-// Writing JSON: one pass over the object graph into a growing byte buffer.
-// Strings are escaped in runs (plain bytes copied together), numbers go through
-// std::to_chars, which gives the shortest text that reads back exactly.
+// Writing JSON: one pass over the object graph into a raw byte buffer that is
+// kept from one write to the next. Strings are copied a word at a time up to
+// the next byte that needs work; numbers are written by number_text_internal.
 #include "nk/foundation/json_writer.hpp"
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -17,11 +21,16 @@
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/null.hpp"
 #include "nk/foundation/number.hpp"
+#include "nk/foundation/number_text_internal.hpp"
 #include "nk/foundation/string.hpp"
 
 namespace nk {
 
 namespace {
+
+using number_text_internal::kNumberRoom;
+using number_text_internal::writeDouble;
+using number_text_internal::writeInteger;
 
 struct WriteFailure {
   std::string message;
@@ -43,81 +52,243 @@ constexpr auto kEscapes = [] {
   return t;
 }();
 
-// The classes the writer tells apart by address before trying kind tests.
-struct ValueClasses {
-  const Class* string = &String::staticClass();
-  const Class* constantString = &ConstantString::staticClass();
-  const Class* mutableString = &MutableString::staticClass();
-  const Class* number = &Number::staticClass();
-  const Class* boolean = &Boolean::staticClass();
-  const Class* dictionary = &Dictionary::staticClass();
-  const Class* mutableDictionary = &MutableDictionary::staticClass();
-  const Class* array = &Array::staticClass();
-  const Class* mutableArray = &MutableArray::staticClass();
+constexpr uint64_t kOnes = 0x0101010101010101;
+constexpr uint64_t kHigh = 0x8080808080808080;
+
+// Marks with its top bit each byte of `w` that cannot be copied as it is: at
+// or above 0x80, below 0x20, '"', '\\', or the byte repeated in `extra` (the
+// slash, or a quote again when slashes pass). Exact per byte: no carry crosses
+// a byte because the sums start from 7-bit values.
+constexpr uint64_t specialBytes(uint64_t w, uint64_t extra) noexcept {
+  const uint64_t low = w & ~kHigh;
+  const uint64_t control = ~(low + 0x60 * kOnes);
+  const uint64_t quote = ~((low ^ ('"' * kOnes)) + 0x7F * kOnes);
+  const uint64_t backslash = ~((low ^ ('\\' * kOnes)) + 0x7F * kOnes);
+  const uint64_t other = ~((low ^ extra) + 0x7F * kOnes);
+  return (w | control | quote | backslash | other) & kHigh;
+}
+
+// The same test on four UTF-16 units: non-zero unless every unit is ASCII
+// that is copied as it is.
+constexpr uint64_t specialUnits(uint64_t w, uint64_t extra) noexcept {
+  constexpr uint64_t kUnitOnes = 0x0001000100010001;
+  constexpr uint64_t kUnitHigh = 0x0080008000800080;
+  if (w & 0xFF80FF80FF80FF80) return 1;
+  // Each unit is now below 0x80, so the sums stay within their unit.
+  const uint64_t control = ~(w + 0x60 * kUnitOnes);
+  const uint64_t quote = ~((w ^ ('"' * kUnitOnes)) + 0x7F * kUnitOnes);
+  const uint64_t backslash = ~((w ^ ('\\' * kUnitOnes)) + 0x7F * kUnitOnes);
+  const uint64_t other = ~((w ^ ((extra & 0xFF) * kUnitOnes)) + 0x7F * kUnitOnes);
+  return (control | quote | backslash | other) & kUnitHigh;
+}
+
+// Index of the first marked byte of a non-zero mask, in memory order.
+inline size_t firstMarked(uint64_t mask) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    return static_cast<size_t>(std::countr_zero(mask)) / 8;
+  } else {
+    return static_cast<size_t>(std::countl_zero(mask)) / 8;
+  }
+}
+
+// Reaches the entry table of a dictionary, to walk it without the mutation
+// checks of its iterators (nothing changes it while it is written).
+struct DictionaryTable : Dictionary {
+  static const collection_internal::OrderedTable& of(const Dictionary& d) noexcept {
+    return d.*(&DictionaryTable::table_);
+  }
 };
 
-const ValueClasses& valueClasses() {
-  static const ValueClasses classes;
-  return classes;
-}
+enum class Kind : uint8_t { kString, kNumber, kDictionary, kArray, kNull, kOther };
+
+// The kind of an object, found by comparing its type_info address with those of
+// the classes the reader makes (a load from the vtable instead of a virtual
+// call). Any other class is classified once per write by kind tests and
+// remembered; a class whose type_info is duplicated across modules just takes
+// that path.
+class KindCache {
+ public:
+  Kind of(const Object* o) noexcept {
+    const std::type_info* type = &typeid(*o);
+    if (type == &typeid(String)) return Kind::kString;
+    if (type == &typeid(Number)) return Kind::kNumber;
+    if (type == &typeid(Dictionary)) return Kind::kDictionary;
+    if (type == &typeid(Array)) return Kind::kArray;
+    for (size_t i = 0; i < used_; ++i) {
+      if (seen_[i].first == type) return seen_[i].second;
+    }
+    const Kind kind = classify(o);
+    if (used_ < seen_.size()) seen_[used_++] = {type, kind};
+    return kind;
+  }
+
+ private:
+  static Kind classify(const Object* o) noexcept {
+    if (cast<String>(o)) return Kind::kString;
+    if (cast<Number>(o)) return Kind::kNumber;
+    if (cast<Dictionary>(o)) return Kind::kDictionary;
+    if (cast<Array>(o)) return Kind::kArray;
+    if (cast<Null>(o)) return Kind::kNull;
+    return Kind::kOther;
+  }
+
+  std::array<std::pair<const std::type_info*, Kind>, 16> seen_{};
+  size_t used_ = 0;
+};
+
+// The output buffer of the last write on this thread, kept for the next one:
+// fresh pages of a large buffer cost more to fault in than to fill. Between
+// writes a thread holds at most 64 MB, and above 1 MB no more than about four
+// times its last document.
+class SpareBuffer {
+ public:
+  SpareBuffer() noexcept = default;
+  SpareBuffer(const SpareBuffer&) = delete;
+  SpareBuffer& operator=(const SpareBuffer&) = delete;
+  ~SpareBuffer() { std::free(data_); }
+
+  // Hands the buffer over (null and 0 when there is none).
+  std::pair<uint8_t*, size_t> take() noexcept {
+    return {std::exchange(data_, nullptr), std::exchange(capacity_, 0)};
+  }
+  // Keeps `data` (which has `capacity` bytes, `used` of them written) or frees it.
+  void giveBack(uint8_t* data, size_t capacity, size_t used) noexcept {
+    constexpr size_t kAlwaysKept = size_t{1} << 20;
+    constexpr size_t kLargestKept = size_t{64} << 20;
+    if (data_ || capacity > kLargestKept || (capacity > kAlwaysKept && capacity / 4 > used)) {
+      std::free(data);
+      return;
+    }
+    data_ = data;
+    capacity_ = capacity;
+  }
+
+ private:
+  uint8_t* data_ = nullptr;
+  size_t capacity_ = 0;
+};
+
+thread_local SpareBuffer spareBuffer;
 
 class Writer {
  public:
   explicit Writer(unsigned options)
       : pretty_(options & kJSONWritingPrettyPrinted),
         sorted_(options & kJSONWritingSortedKeys),
-        escapeSlash_(!(options & kJSONWritingWithoutEscapingSlashes)) {}
+        escapeSlash_(!(options & kJSONWritingWithoutEscapingSlashes)),
+        extraSpecial_((escapeSlash_ ? '/' : '"') * kOnes) {
+    const auto [data, capacity] = spareBuffer.take();
+    begin_ = pos_ = data;
+    end_ = data + capacity;
+  }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+  ~Writer() {
+    spareBuffer.giveBack(begin_, static_cast<size_t>(end_ - begin_),
+                         static_cast<size_t>(pos_ - begin_));
+  }
 
   void value(const Object* o, size_t depth) {
-    const Class* cls = &o->objectClass();
-    if (cls == classes_.string || cls == classes_.constantString || cls == classes_.mutableString) {
-      return string(*static_cast<const String*>(o));
+    switch (kinds_.of(o)) {
+      case Kind::kString:
+        return string(*static_cast<const String*>(o));
+      case Kind::kNumber:
+        return number(*static_cast<const Number*>(o));
+      case Kind::kDictionary:
+        return dictionary(*static_cast<const Dictionary*>(o), depth + 1);
+      case Kind::kArray:
+        return array(*static_cast<const Array*>(o), depth + 1);
+      case Kind::kNull:
+        return raw("null", 4);
+      case Kind::kOther:
+        break;
     }
-    if (cls == classes_.number || cls == classes_.boolean) {
-      return number(*static_cast<const Number*>(o));
-    }
-    if (cls == classes_.dictionary || cls == classes_.mutableDictionary) {
-      return dictionary(*static_cast<const Dictionary*>(o), depth + 1);
-    }
-    if (cls == classes_.array || cls == classes_.mutableArray) {
-      return array(*static_cast<const Array*>(o), depth + 1);
-    }
-    if (o == Null::null()) return raw("null", 4);
-    // Subclasses of the value classes (a host's own string class, say).
-    if (const auto* s = cast<String>(o)) return string(*s);
-    if (const auto* n = cast<Number>(o)) return number(*n);
-    if (const auto* d = cast<Dictionary>(o)) return dictionary(*d, depth + 1);
-    if (const auto* a = cast<Array>(o)) return array(*a, depth + 1);
-    if (cast<Null>(o)) return raw("null", 4);
     throw WriteFailure{"Invalid type in JSON write (" + o->objectClass().name() + ")"};
   }
 
-  std::vector<uint8_t> take() {
-    buf_.resize(n_);
-    return std::move(buf_);
-  }
+  // The bytes written, in storage of their exact size.
+  std::vector<uint8_t> take() const { return std::vector<uint8_t>(begin_, pos_); }
 
  private:
-  uint8_t* reserve(size_t extra) {
-    if (buf_.size() - n_ < extra) buf_.resize(std::max(buf_.size() * 2, n_ + extra + 256));
-    return buf_.data() + n_;
+  // Room for `extra` more bytes at pos_. The buffer grows by realloc, which
+  // does not zero-fill and often extends in place.
+  uint8_t* room(size_t extra) {
+    if (static_cast<size_t>(end_ - pos_) < extra) grow(extra);
+    return pos_;
+  }
+  void grow(size_t extra) {
+    const size_t used = static_cast<size_t>(pos_ - begin_);
+    const size_t capacity =
+        std::max({2 * static_cast<size_t>(end_ - begin_), used + extra, size_t{4096}});
+    auto* p = static_cast<uint8_t*>(std::realloc(begin_, capacity));
+    if (!p) throw std::bad_alloc();
+    begin_ = p;
+    pos_ = p + used;
+    end_ = p + capacity;
   }
   void raw(const char* s, size_t k) {
-    std::memcpy(reserve(k), s, k);
-    n_ += k;
+    std::memcpy(room(k), s, k);
+    pos_ += k;
   }
   void byte(char c) {
-    *reserve(1) = static_cast<uint8_t>(c);
-    ++n_;
+    *room(1) = static_cast<uint8_t>(c);
+    ++pos_;
   }
   // A line break and the indentation of `depth`, written eight spaces at a
   // time (fixed-size stores beat a call to memset at these lengths).
   void newline(size_t depth) {
     const size_t width = 2 * depth;
-    uint8_t* p = reserve(1 + width + 8);
+    uint8_t* p = room(1 + width + 8);
     *p = '\n';
     for (size_t k = 0; k < width; k += 8) std::memcpy(p + 1 + k, "        ", 8);
-    n_ += 1 + width;
+    pos_ += 1 + width;
+  }
+  // "," between members, with the line break when pretty.
+  void separator(size_t depth) {
+    byte(',');
+    if (pretty_) newline(depth);
+  }
+
+  // Objects are scattered over the heap: fetching the next one while this one
+  // is written hides much of the wait for memory.
+  static void prefetch(const Object* o) noexcept { __builtin_prefetch(o); }
+  static constexpr size_t kPrefetchAhead = 8;
+  // The entries of a container a few elements ahead in an array too, once its
+  // header has had time to arrive.
+  static constexpr size_t kContentsAhead = kPrefetchAhead / 2;
+  static void prefetchContents(const Object* o) noexcept {
+    const std::type_info* type = &typeid(*o);
+    const void* start;
+    size_t bytes;
+    if (type == &typeid(Dictionary)) {
+      const auto& entries = DictionaryTable::of(*static_cast<const Dictionary*>(o)).entries();
+      start = entries.data();
+      bytes = entries.size() * sizeof(entries[0]);
+    } else if (type == &typeid(Array)) {
+      const auto items = static_cast<const Array*>(o)->objects();
+      start = items.data();
+      bytes = items.size_bytes();
+    } else {
+      return;
+    }
+    for (size_t k = 0; k < std::min(bytes, size_t{256}); k += 64) {
+      __builtin_prefetch(static_cast<const char*>(start) + k);
+    }
+  }
+
+  // The elements of the next container in an array, whose entries have had time
+  // to arrive: a record's values are then on their way before it is written.
+  static void prefetchElements(const Object* o) noexcept {
+    const std::type_info* type = &typeid(*o);
+    if (type == &typeid(Dictionary)) {
+      const auto& entries = DictionaryTable::of(*static_cast<const Dictionary*>(o)).entries();
+      const size_t n = std::min(entries.size(), size_t{16});
+      for (size_t k = 0; k < n; ++k) prefetch(entries[k].value.get());
+    } else if (type == &typeid(Array)) {
+      const auto items = static_cast<const Array*>(o)->objects();
+      const size_t n = std::min(items.size(), size_t{16});
+      for (size_t k = 0; k < n; ++k) prefetch(items[k].get());
+    }
   }
 
   static void checkDepth(size_t depth) {
@@ -128,103 +299,123 @@ class Writer {
     checkDepth(depth);
     const auto items = a.objects();
     byte('[');
-    if (pretty_ && !items.empty()) newline(depth);
-    for (size_t i = 0; i < items.size(); ++i) {
-      if (i) {
-        byte(',');
-        if (pretty_) newline(depth);
+    if (items.empty()) {
+      if (pretty_) {
+        byte('\n');
+        newline(depth - 1);
       }
+      return byte(']');
+    }
+    if (pretty_) newline(depth);
+    for (size_t i = 0; i < std::min(items.size(), kPrefetchAhead); ++i) prefetch(items[i].get());
+    for (size_t i = 0; i < items.size(); ++i) {
+      if (i + kPrefetchAhead < items.size()) prefetch(items[i + kPrefetchAhead].get());
+      if (i >= kContentsAhead && i + kContentsAhead < items.size()) {
+        prefetchContents(items[i + kContentsAhead].get());
+      }
+      if (i + 1 < items.size()) prefetchElements(items[i + 1].get());
+      if (i != 0) separator(depth);
       value(items[i].get(), depth);
     }
-    if (pretty_) {
-      if (items.empty()) byte('\n');
-      newline(depth - 1);
-    }
+    if (pretty_) newline(depth - 1);
     byte(']');
   }
 
-  const String* asString(const Object* key) const noexcept {
-    const Class* cls = &key->objectClass();
-    if (cls == classes_.string || cls == classes_.constantString) {
-      return static_cast<const String*>(key);
-    }
-    return cast<String>(key);
+  bool isString(const Object* o) noexcept { return kinds_.of(o) == Kind::kString; }
+  const String& asKey(const Object* k) {
+    if (!isString(k)) throw WriteFailure{"Invalid (non-string) key in JSON dictionary"};
+    return *static_cast<const String*>(k);
   }
 
-  void member(const Object* key, const Object* value, size_t depth) {
-    const String* k = asString(key);
-    if (!k) throw WriteFailure{"Invalid (non-string) key in JSON dictionary"};
-    string(*k);
+  void member(const String& k, const Object* v, size_t depth) {
+    writeKey(k);
+    value(v, depth);
+  }
+
+  // A key and the separator after it. Documents repeat the same key objects
+  // (the reader shares them), so a short key's text is copied from where it
+  // was last written: key objects neither change nor go while a write runs.
+  void writeKey(const String& k) {
+    KeyText& slot = keyTexts_[(reinterpret_cast<uintptr_t>(&k) >> 4) % keyTexts_.size()];
+    if (slot.key == &k) {
+      uint8_t* p = room(KeyText::kLongest + 16);
+      // Sixteen-byte moves (the text may end just before `p`); the room
+      // takes the excess.
+      for (size_t k16 = 0; k16 < slot.length; k16 += 16) {
+        std::memmove(p + k16, begin_ + slot.offset + k16, 16);
+      }
+      pos_ = p + slot.length;
+      return;
+    }
+    const auto start = static_cast<size_t>(pos_ - begin_);
+    string(k);
     if (pretty_) {
       raw(" : ", 3);
     } else {
       byte(':');
     }
-    this->value(value, depth);
+    const auto length = static_cast<size_t>(pos_ - begin_) - start;
+    if (length <= KeyText::kLongest && start <= UINT32_MAX) {
+      slot = {&k, static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
+    }
   }
 
   void dictionary(const Dictionary& d, size_t depth) {
     checkDepth(depth);
     byte('{');
-    if (pretty_ && d.count() != 0) newline(depth);
+    if (d.count() == 0) {
+      if (pretty_) {
+        byte('\n');
+        newline(depth - 1);
+      }
+      return byte('}');
+    }
+    if (pretty_) newline(depth);
     bool first = true;
-    auto separate = [&] {
-      if (!first) {
-        byte(',');
-        if (pretty_) newline(depth);
-      }
-      first = false;
-    };
     if (sorted_ && d.count() > 1) {
-      std::vector<std::pair<const Object*, const Object*>> entries;
+      std::vector<std::pair<const String*, const Object*>> entries;
       entries.reserve(d.count());
-      for (const auto& [key, value] : d.entries()) {
-        if (!asString(key.get())) {
-          throw WriteFailure{"Invalid (non-string) key in JSON dictionary"};
-        }
-        entries.emplace_back(key.get(), value.get());
-      }
-      std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
-        return static_cast<const String*>(a.first)->compare(*static_cast<const String*>(b.first)) <
-               0;
-      });
-      for (const auto& [key, value] : entries) {
-        separate();
-        member(key, value, depth);
+      for (const auto& [k, v] : d.entries()) entries.emplace_back(&asKey(k.get()), v.get());
+      std::sort(entries.begin(), entries.end(),
+                [](const auto& a, const auto& b) { return a.first->compare(*b.first) < 0; });
+      for (const auto& [k, v] : entries) {
+        if (!first) separator(depth);
+        first = false;
+        member(*k, v, depth);
       }
     } else {
-      for (const auto& [key, value] : d.entries()) {
-        separate();
-        member(key.get(), value.get(), depth);
+      const auto& entries = DictionaryTable::of(d).entries();
+      const size_t n = entries.size();
+      for (size_t i = 0; i < std::min(n, kPrefetchAhead); ++i) prefetch(entries[i].value.get());
+      for (size_t i = 0; i < n; ++i) {
+        const collection_internal::TableEntry& e = entries[i];
+        if (i + kPrefetchAhead < n) prefetch(entries[i + kPrefetchAhead].value.get());
+        if (!e.key) continue;  // a removed entry's hole
+        if (!first) separator(depth);
+        first = false;
+        member(asKey(e.key.get()), e.value.get(), depth);
       }
     }
-    if (pretty_) {
-      if (first) byte('\n');
-      newline(depth - 1);
-    }
+    if (pretty_) newline(depth - 1);
     byte('}');
   }
 
   void number(const Number& n) {
-    char* p = reinterpret_cast<char*>(reserve(32));
-    char* end = p + 32;
-    std::to_chars_result r{};
+    char* p = reinterpret_cast<char*>(room(kNumberRoom));
     switch (n.objCType()) {
       case 'B':
-        if (n.boolValue()) {
-          return raw("true", 4);
-        }
+        if (n.boolValue()) return raw("true", 4);
         return raw("false", 5);
       case 'f': {
         const float f = n.floatValue();
         if (!std::isfinite(f)) throw WriteFailure{nonFinite(f)};
-        r = std::to_chars(p, end, f);
+        p = std::to_chars(p, p + kNumberRoom, f).ptr;
         break;
       }
       case 'd': {
         const double d = n.doubleValue();
         if (!std::isfinite(d)) throw WriteFailure{nonFinite(d)};
-        r = std::to_chars(p, end, d);
+        p = writeDouble(d, p);
         break;
       }
       case 'C':
@@ -232,13 +423,17 @@ class Writer {
       case 'I':
       case 'L':
       case 'Q':
-        r = std::to_chars(p, end, n.unsignedLongLongValue());
+        p = writeInteger(n.unsignedLongLongValue(), false, p);
         break;
-      default:
-        r = std::to_chars(p, end, n.longLongValue());
+      default: {
+        const long long v = n.longLongValue();
+        // The magnitude of the most negative value wraps to itself, unsigned.
+        const auto magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+        p = writeInteger(magnitude, v < 0, p);
         break;
+      }
     }
-    n_ += static_cast<size_t>(r.ptr - p);
+    pos_ = reinterpret_cast<uint8_t*>(p);
   }
 
   static std::string nonFinite(double d) {
@@ -266,75 +461,163 @@ class Writer {
     return 2;
   }
 
+  bool isPlain(uint8_t c) const noexcept {
+    return c < 0x80 && (!kEscapes[c] || (c == '/' && !escapeSlash_));
+  }
+
+  // Copies the bytes of `in` from `i` on that are written as they are, up to
+  // `end` or the first that is not; returns how many. Words are stored before
+  // they are checked (the room allows it). A short remainder is read as the
+  // last word of the string, or as two overlapping halves of a short one.
+  size_t plainRun(const uint8_t* in, size_t i, size_t end, uint8_t* p) const {
+    size_t done = 0;
+    while (end - i - done >= 8) {
+      uint64_t w;
+      std::memcpy(&w, in + i + done, 8);
+      std::memcpy(p + done, &w, 8);
+      const uint64_t marked = specialBytes(w, extraSpecial_);
+      if (marked) return done + firstMarked(marked);
+      done += 8;
+    }
+    const size_t left = end - i - done;
+    if (left == 0) return done;
+    if constexpr (std::endian::native == std::endian::little) {
+      if (end >= 8) {
+        // The bytes before `i + done` in this word were handled already.
+        const auto skip = static_cast<unsigned>(8 * (8 - left));
+        uint64_t w;
+        std::memcpy(&w, in + end - 8, 8);
+        const uint64_t marked = specialBytes(w, extraSpecial_) >> skip;
+        w >>= skip;
+        std::memcpy(p + done, &w, 8);
+        return done + (marked ? firstMarked(marked) : left);
+      }
+      if (left >= 4) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, in + i + done, 4);
+        std::memcpy(&tail, in + end - 4, 4);
+        if (!specialBytes(head | uint64_t{tail} << 32, extraSpecial_)) {
+          std::memcpy(p + done, &head, 4);
+          std::memcpy(p + done + left - 4, &tail, 4);
+          return done + left;
+        }
+      }
+    }
+    while (done < end - i && isPlain(in[i + done])) {
+      p[done] = in[i + done];
+      ++done;
+    }
+    return done;
+  }
+
+  // Writes Latin-1 units [i, end) at `p`, which has room for six bytes a unit.
+  uint8_t* latin1(const uint8_t* in, size_t i, size_t end, uint8_t* p) const {
+    while (i < end) {
+      const size_t run = plainRun(in, i, end, p);
+      p += run;
+      i += run;
+      if (i == end) break;
+      const uint8_t c = in[i++];
+      if (c >= 0x80) {
+        *p++ = static_cast<uint8_t>(0xC0 | (c >> 6));
+        *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
+      } else {
+        p += escape(c, p);
+      }
+    }
+    return p;
+  }
+
+  // Writes UTF-16 units [i, end) at `p` (six bytes of room a unit, and a unit
+  // past `end` may complete a pair); `i` ends past the last unit written.
+  uint8_t* utf16(const char16_t* in, size_t& i, size_t end, size_t len, uint8_t* p) const {
+    for (; i < end; ++i) {
+      uint32_t c = in[i];
+      if (c < 0x80 && std::endian::native == std::endian::little) {
+        // From an ASCII unit on, four units at a time while they are plain.
+        while (end - i >= 4) {
+          uint64_t w;
+          std::memcpy(&w, in + i, 8);
+          if (specialUnits(w, extraSpecial_)) break;
+          const auto packed = static_cast<uint32_t>(
+              (w & 0xFF) | ((w >> 8) & 0xFF00) | ((w >> 16) & 0xFF0000) | ((w >> 24) & 0xFF000000));
+          std::memcpy(p, &packed, 4);
+          p += 4;
+          i += 4;
+        }
+        if (i == end) break;
+        c = in[i];
+      }
+      if (c < 0x80) {
+        if (kEscapes[c]) {
+          p += escape(static_cast<uint8_t>(c), p);
+        } else {
+          *p++ = static_cast<uint8_t>(c);
+        }
+      } else if (c < 0x800) {
+        *p++ = static_cast<uint8_t>(0xC0 | (c >> 6));
+        *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
+      } else if (c < 0xD800 || c > 0xDFFF) {
+        *p++ = static_cast<uint8_t>(0xE0 | (c >> 12));
+        *p++ = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
+        *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
+      } else {
+        if (c > 0xDBFF || i + 1 == len || in[i + 1] < 0xDC00 || in[i + 1] > 0xDFFF) {
+          throw WriteFailure{"Unpaired surrogate in JSON string"};
+        }
+        c = 0x10000 + ((c - 0xD800) << 10) + (in[++i] - 0xDC00);
+        *p++ = static_cast<uint8_t>(0xF0 | (c >> 18));
+        *p++ = static_cast<uint8_t>(0x80 | ((c >> 12) & 0x3F));
+        *p++ = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
+        *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
+      }
+    }
+    return p;
+  }
+
   void string(const String& s) {
     const size_t len = s.length();
-    byte('"');
     // Six bytes per unit covers the longest escape and any UTF-8 sequence;
     // long strings go in slices so that this reservation stays small.
     constexpr size_t kSlice = 16384;
+    // The quotes, and a pair completed one unit past the slice.
+    uint8_t* p = room(6 * std::min(len, kSlice) + 8);
+    *p++ = '"';
     size_t i = 0;
     while (i < len) {
       const size_t end = std::min(len, i + kSlice);
-      // A surrogate pair may end one unit past the slice.
-      uint8_t* const start = reserve(6 * (end - i) + 6);
-      uint8_t* p = start;
-      if (s.isLatin1()) {
-        const uint8_t* in = s.latin1Data();
-        while (i < end) {
-          size_t run = i;
-          while (run < end && in[run] < 0x80 && !kEscapes[in[run]]) ++run;
-          std::memcpy(p, in + i, run - i);
-          p += run - i;
-          i = run;
-          if (i == end) break;
-          const uint8_t c = in[i++];
-          if (c >= 0x80) {
-            *p++ = static_cast<uint8_t>(0xC0 | (c >> 6));
-            *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
-          } else {
-            p += escape(c, p);
-          }
-        }
-      } else {
-        const char16_t* in = s.utf16Data();
-        for (; i < end; ++i) {
-          uint32_t c = in[i];
-          if (c < 0x80) {
-            if (kEscapes[c]) {
-              p += escape(static_cast<uint8_t>(c), p);
-            } else {
-              *p++ = static_cast<uint8_t>(c);
-            }
-          } else if (c < 0x800) {
-            *p++ = static_cast<uint8_t>(0xC0 | (c >> 6));
-            *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
-          } else if (c < 0xD800 || c > 0xDFFF) {
-            *p++ = static_cast<uint8_t>(0xE0 | (c >> 12));
-            *p++ = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
-            *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
-          } else {
-            if (c > 0xDBFF || i + 1 == len || in[i + 1] < 0xDC00 || in[i + 1] > 0xDFFF) {
-              throw WriteFailure{"Unpaired surrogate in JSON string"};
-            }
-            c = 0x10000 + ((c - 0xD800) << 10) + (in[++i] - 0xDC00);
-            *p++ = static_cast<uint8_t>(0xF0 | (c >> 18));
-            *p++ = static_cast<uint8_t>(0x80 | ((c >> 12) & 0x3F));
-            *p++ = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
-            *p++ = static_cast<uint8_t>(0x80 | (c & 0x3F));
-          }
-        }
+      if (i != 0) {
+        pos_ = p;
+        p = room(6 * (end - i) + 8);
       }
-      n_ += static_cast<size_t>(p - start);
+      if (s.isLatin1()) {
+        p = latin1(s.latin1Data(), i, end, p);
+        i = end;
+      } else {
+        p = utf16(s.utf16Data(), i, end, len, p);
+      }
     }
-    byte('"');
+    *p++ = '"';
+    pos_ = p;
   }
 
-  const ValueClasses& classes_ = valueClasses();
+  struct KeyText {
+    static constexpr size_t kLongest = 48;
+    const String* key = nullptr;
+    uint32_t offset = 0;  // in the output
+    uint32_t length = 0;
+  };
+
+  KindCache kinds_;
+  std::array<KeyText, 64> keyTexts_{};
   bool pretty_;
   bool sorted_;
   bool escapeSlash_;
-  std::vector<uint8_t> buf_;
-  size_t n_ = 0;
+  uint64_t extraSpecial_;
+  uint8_t* begin_ = nullptr;
+  uint8_t* pos_ = nullptr;
+  uint8_t* end_ = nullptr;
 };
 
 Ref<Error> makeError(const std::string& message) {

@@ -4,11 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <charconv>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/class.hpp"
@@ -167,6 +172,180 @@ TEST(JSONWriter, NumberTexts) {
       const double r = cast<Number>(back->objectAtIndex(0))->doubleValue();
       ASSERT_EQ(std::memcmp(&r, &d, sizeof d), 0) << d;
     }
+  }
+}
+
+// What std::to_chars writes for `d`: the writer's own path must agree exactly.
+std::string toChars(double d) {
+  char text[64];
+  return std::string(text, std::to_chars(text, text + sizeof text, d).ptr);
+}
+
+TEST(JSONWriter, DoublesMatchTheShortestStandardText) {
+  auto compare = [](const std::vector<double>& values) {
+    auto a = MutableArray::make();
+    std::string expected = "[";
+    for (double d : values) {
+      a->addObject(Number::withDouble(d));
+      if (expected.size() > 1) expected += ',';
+      expected += toChars(d);
+    }
+    EXPECT_EQ(write(a), expected + "]");
+  };
+  {  // where notation and rounding change: powers of ten, of two, halfway cases
+    std::vector<double> v;
+    for (int k = -22; k <= 22; ++k) {
+      const double p = std::pow(10.0, k);
+      v.insert(v.end(), {p, -p, std::nextafter(p, 0.0), std::nextafter(p, 1e300), 1.5 * p});
+    }
+    for (int k = -80; k <= 80; ++k) {
+      const double p = std::ldexp(1.0, k);  // an uneven gap below
+      v.insert(v.end(), {p, std::nextafter(p, 0.0), std::nextafter(p, 1e300)});
+    }
+    v.insert(v.end(), {0.0, -0.0, 5e-324, 2.2250738585072014e-308, 1.7976931348623157e308,
+                       9007199254740993.0, 18014398509481984.0, 0.3, 2.0 / 3.0, 123456.789e3});
+    compare(v);
+  }
+  {  // random bit patterns, and random values near the everyday range
+    std::mt19937_64 rng(11);
+    std::vector<double> bits;
+    std::vector<double> near;
+    while (bits.size() < 20000) {
+      const double d = std::bit_cast<double>(rng());
+      if (std::isfinite(d)) bits.push_back(d);
+      const uint64_t exponent = 900 + rng() % 300;  // about 1e-37 to 1e53
+      near.push_back(std::bit_cast<double>((rng() & 0x800FFFFFFFFFFFFF) | exponent << 52));
+    }
+    compare(bits);
+    compare(near);
+  }
+  {  // decimal inputs of every length, as documents carry them
+    std::mt19937_64 rng(12);
+    std::vector<double> v;
+    for (int i = 0; i < 20000; ++i) {
+      const int digits = 1 + static_cast<int>(rng() % 17);
+      const double magnitude = std::pow(10.0, static_cast<int>(rng() % 30) - 15);
+      const auto mantissa = static_cast<double>(rng() % 100000000000000000);
+      v.push_back(
+          std::strtod(std::to_string(mantissa * magnitude).substr(0, digits + 2).c_str(), nullptr));
+    }
+    compare(v);
+  }
+}
+
+// The escaped form of Latin-1 or UTF-16 `units`, a character at a time.
+std::string escapedSlowly(const std::u16string& units, bool escapeSlash) {
+  std::string out = "\"";
+  for (char16_t c : units) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += escapeSlash ? "\\/" : "/";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (c < 0x20) {
+          char hex[8];
+          std::snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned>(c));
+          out += hex;
+        } else if (c < 0x80) {
+          out += static_cast<char>(c);
+        } else if (c < 0x800) {
+          out += static_cast<char>(0xC0 | (c >> 6));
+          out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+          out += static_cast<char>(0xE0 | (c >> 12));
+          out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+          out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+  }
+  return out + "\"";
+}
+
+TEST(JSONWriter, EscapesAtEveryPositionAndLength) {
+  // Each special character at each position of strings up to 40 units long,
+  // in both storages: the writer scans words, tails of words and short strings.
+  const char16_t specials[] = {u'"', u'\\', u'/', u'\n', u'\t', 0x01, 0x1F, 0xE9, 0x20AC};
+  for (bool escapeSlash : {true, false}) {
+    const unsigned options = escapeSlash ? 0u : unsigned{kJSONWritingWithoutEscapingSlashes};
+    for (size_t length = 1; length <= 40; ++length) {
+      for (char16_t special : specials) {
+        for (size_t at = 0; at < length; ++at) {
+          std::u16string units(length, u'a');
+          for (size_t k = 0; k < length; ++k) units[k] = static_cast<char16_t>(u'a' + k % 26);
+          units[at] = special;
+          // As it is, and with a last unit outside Latin-1 that makes it UTF-16.
+          for (const auto& u : {units, units + u"\x05D0"}) {
+            ASSERT_EQ(write(Array::make({String::withCharacters(u)}), options),
+                      "[" + escapedSlowly(u, escapeSlash) + "]")
+                << "length " << u.size() << " at " << at << " unit " << int(special);
+          }
+        }
+      }
+    }
+  }
+  {  // plain strings of every short length, in both storages
+    for (size_t length = 0; length <= 20; ++length) {
+      std::u16string units(length, u'x');
+      EXPECT_EQ(write(Array::make({String::withCharacters(units)})),
+                "[\"" + std::string(length, 'x') + "\"]");
+      units += u"\x05D0";  // one unit outside Latin-1 makes the string UTF-16
+      EXPECT_EQ(write(Array::make({String::withCharacters(units)})),
+                "[\"" + std::string(length, 'x') + "\xD7\x90\"]");
+    }
+  }
+}
+
+TEST(JSONWriter, RepeatedKeysAndBufferReuse) {
+  {  // one key object nested under itself and shared across dictionaries
+    Id shared = NK_STR("name");
+    auto inner = Dictionary::make({{shared, Number::withInt(1)}});
+    auto middle = Dictionary::make({{shared, inner}, {NK_STR("n"), inner}});
+    EXPECT_EQ(write(Array::make({middle, middle})),
+              R"([{"name":{"name":1},"n":{"name":1}},{"name":{"name":1},"n":{"name":1}}])");
+    EXPECT_EQ(write(Dictionary::make({{shared, inner}}), kJSONWritingPrettyPrinted),
+              "{\n  \"name\" : {\n    \"name\" : 1\n  }\n}");
+  }
+  {  // many keys, short and long, escaped, in rows that repeat them
+    std::vector<Ref<String>> keys;
+    for (int k = 0; k < 150; ++k) {
+      keys.push_back(String::fromUTF8(std::string(k % 60, 'k') + "/" + std::to_string(k)));
+    }
+    auto rows = MutableArray::make();
+    std::string expected = "[";
+    for (int row = 0; row < 3; ++row) {
+      auto d = MutableDictionary::make();
+      expected += row ? ",{" : "{";
+      for (int k = 0; k < 150; ++k) {
+        d->setObjectForKey(Number::withInt(row * 1000 + k), keys[k]);
+        expected += (k ? ",\"" : "\"") + std::string(k % 60, 'k') + "\\/" + std::to_string(k) +
+                    "\":" + std::to_string(row * 1000 + k);
+      }
+      expected += "}";
+      rows->addObject(d);
+    }
+    EXPECT_EQ(write(rows), expected + "]");
+  }
+  {  // a large write, a small one, a refused one, then a small one again
+    auto big = MutableArray::make();
+    for (int i = 0; i < 200000; ++i) big->addObject(NK_STR("0123456789"));
+    const std::string bigText = write(big);
+    EXPECT_EQ(bigText.size(), 2 + 200000 * 13 - 1);
+    EXPECT_EQ(write(Array::make({Number::withInt(5)})), "[5]");
+    EXPECT_EQ(write(Array::make({Number::withDouble(NAN)})), "(refused)");
+    EXPECT_EQ(write(Array::make({NK_STR("x")})), R"(["x"])");
+    EXPECT_EQ(write(big), bigText);
   }
 }
 
