@@ -268,6 +268,11 @@ class Writer {
       const auto items = static_cast<const Array*>(o)->objects();
       start = items.data();
       bytes = items.size_bytes();
+    } else if (type == &typeid(String)) {
+      const auto* string = static_cast<const String*>(o);
+      start = string->isLatin1() ? static_cast<const void*>(string->latin1Data())
+                                 : static_cast<const void*>(string->utf16Data());
+      bytes = string->length() * (string->isLatin1() ? 1 : 2);
     } else {
       return;
     }
@@ -276,18 +281,29 @@ class Writer {
     }
   }
 
-  // The elements of the next container in an array, whose entries have had time
-  // to arrive: a record's values are then on their way before it is written.
+  // The elements of a container a little ahead in an array, whose entries have
+  // had time to arrive: a record's values are then on their way before it is
+  // written. With `deeper`, the elements' own contents too (a nested array's
+  // items, a long string's later lines), their headers having been fetched
+  // by the call one element earlier.
+  template <bool deeper>
   static void prefetchElements(const Object* o) noexcept {
     const std::type_info* type = &typeid(*o);
+    auto each = [](const Object* e) {
+      if constexpr (deeper) {
+        prefetchContents(e);
+      } else {
+        prefetch(e);
+      }
+    };
     if (type == &typeid(Dictionary)) {
       const auto& entries = DictionaryTable::of(*static_cast<const Dictionary*>(o)).entries();
       const size_t n = std::min(entries.size(), size_t{16});
-      for (size_t k = 0; k < n; ++k) prefetch(entries[k].value.get());
+      for (size_t k = 0; k < n; ++k) each(entries[k].value.get());
     } else if (type == &typeid(Array)) {
       const auto items = static_cast<const Array*>(o)->objects();
       const size_t n = std::min(items.size(), size_t{16});
-      for (size_t k = 0; k < n; ++k) prefetch(items[k].get());
+      for (size_t k = 0; k < n; ++k) each(items[k].get());
     }
   }
 
@@ -313,7 +329,8 @@ class Writer {
       if (i >= kContentsAhead && i + kContentsAhead < items.size()) {
         prefetchContents(items[i + kContentsAhead].get());
       }
-      if (i + 1 < items.size()) prefetchElements(items[i + 1].get());
+      if (i + 2 < items.size()) prefetchElements<false>(items[i + 2].get());
+      if (i + 1 < items.size()) prefetchElements<true>(items[i + 1].get());
       if (i != 0) separator(depth);
       value(items[i].get(), depth);
     }
