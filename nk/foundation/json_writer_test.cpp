@@ -149,6 +149,19 @@ TEST(JSONWriter, NumberTexts) {
               "[18446744073709551615]");
     EXPECT_EQ(one(Number::withUnsignedChar(200)), "[200]");
   }
+  {  // every digit count: zero, the powers of ten and their neighbours, either sign
+    EXPECT_EQ(one(Number::withInt(0)), "[0]");
+    uint64_t power = 1;
+    for (int k = 0; k < 20; ++k, power *= 10) {
+      for (uint64_t v : {power - 1, power, power + 1}) {
+        EXPECT_EQ(one(Number::withUnsignedLongLong(v)), "[" + std::to_string(v) + "]");
+        if (v <= uint64_t{std::numeric_limits<long long>::max()}) {
+          const auto negative = -static_cast<long long>(v);
+          EXPECT_EQ(one(Number::withLongLong(negative)), "[" + std::to_string(negative) + "]");
+        }
+      }
+    }
+  }
   {  // doubles and floats in their shortest exact text
     EXPECT_EQ(one(Number::withDouble(0.1)), "[0.1]");
     EXPECT_EQ(one(Number::withDouble(3.0)), "[3]");

@@ -175,15 +175,30 @@ inline char* digitsBefore(uint64_t v, char* end) noexcept {
   return end;
 }
 
+// The number of decimal digits of `v` (1 for 0).
+inline int digitCount(uint64_t v) noexcept {
+  static constexpr auto kPowers = [] {
+    std::array<uint64_t, 20> t{};
+    t[0] = 1;
+    for (size_t i = 1; i < t.size(); ++i) t[i] = t[i - 1] * 10;
+    return t;
+  }();
+  v |= 1;
+  // floor(log10(2^(bits - 1))) + 1 is the count or one more.
+  const int guess = ((64 - std::countl_zero(v)) * 1233) >> 12;
+  return guess + (v >= kPowers[guess] ? 1 : 0);
+}
+
 }  // namespace
 
+// Straight to their places: copying the digits from a scratch buffer reads back
+// bytes just stored two at a time, which the processor cannot forward.
 char* writeInteger(uint64_t magnitude, bool negative, char* p) noexcept {
-  char buffer[48];
-  const char* digits = digitsBefore(magnitude, buffer + 24);
   *p = '-';
   p += negative ? 1 : 0;
-  std::memcpy(p, digits, 24);
-  return p + (buffer + 24 - digits);
+  const int n = digitCount(magnitude);
+  digitsBefore(magnitude, p + n);
+  return p + n;
 }
 
 char* writeDouble(double d, char* p) {
