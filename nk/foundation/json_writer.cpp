@@ -257,6 +257,7 @@ class Writer {
   // header has had time to arrive.
   static constexpr size_t kContentsAhead = kPrefetchAhead / 2;
   static void prefetchContents(const Object* o) noexcept {
+    if (!o) return;  // a removed dictionary entry's hole
     const std::type_info* type = &typeid(*o);
     const void* start;
     size_t bytes;
@@ -288,6 +289,7 @@ class Writer {
   // by the call one element earlier.
   template <bool deeper>
   static void prefetchElements(const Object* o) noexcept {
+    if (!o) return;
     const std::type_info* type = &typeid(*o);
     auto each = [](const Object* e) {
       if constexpr (deeper) {
@@ -307,6 +309,19 @@ class Writer {
     }
   }
 
+  // The fetches ahead made at element `i` of `n`, `at(k)` giving element k:
+  // each stage reads only what an earlier one fetched.
+  template <class At>
+  static void prefetchAhead(size_t i, size_t n, At at) noexcept {
+    if (i + kPrefetchAhead < n) prefetch(at(i + kPrefetchAhead));
+    if (i >= kContentsAhead && i + kContentsAhead < n) prefetchContents(at(i + kContentsAhead));
+    // Only elements whose contents were fetched earlier: reading entries that
+    // are not in the cache yet would wait instead of fetching ahead.
+    constexpr size_t kFirstFetched = 2 * kContentsAhead;
+    if (i + 2 >= kFirstFetched && i + 2 < n) prefetchElements<false>(at(i + 2));
+    if (i + 1 >= kFirstFetched && i + 1 < n) prefetchElements<true>(at(i + 1));
+  }
+
   static void checkDepth(size_t depth) {
     if (depth > kJSONMaxDepth) throw WriteFailure{"Too deeply nested for JSON write"};
   }
@@ -323,14 +338,10 @@ class Writer {
       return byte(']');
     }
     if (pretty_) newline(depth);
-    for (size_t i = 0; i < std::min(items.size(), kPrefetchAhead); ++i) prefetch(items[i].get());
+    const auto at = [&](size_t k) { return items[k].get(); };
+    for (size_t i = 0; i < std::min(items.size(), kPrefetchAhead); ++i) prefetch(at(i));
     for (size_t i = 0; i < items.size(); ++i) {
-      if (i + kPrefetchAhead < items.size()) prefetch(items[i + kPrefetchAhead].get());
-      if (i >= kContentsAhead && i + kContentsAhead < items.size()) {
-        prefetchContents(items[i + kContentsAhead].get());
-      }
-      if (i + 2 < items.size()) prefetchElements<false>(items[i + 2].get());
-      if (i + 1 < items.size()) prefetchElements<true>(items[i + 1].get());
+      prefetchAhead(i, items.size(), at);
       if (i != 0) separator(depth);
       value(items[i].get(), depth);
     }
@@ -403,10 +414,11 @@ class Writer {
     } else {
       const auto& entries = DictionaryTable::of(d).entries();
       const size_t n = entries.size();
-      for (size_t i = 0; i < std::min(n, kPrefetchAhead); ++i) prefetch(entries[i].value.get());
+      const auto at = [&](size_t k) { return entries[k].value.get(); };
+      for (size_t i = 0; i < std::min(n, kPrefetchAhead); ++i) prefetch(at(i));
       for (size_t i = 0; i < n; ++i) {
         const collection_internal::TableEntry& e = entries[i];
-        if (i + kPrefetchAhead < n) prefetch(entries[i + kPrefetchAhead].value.get());
+        prefetchAhead(i, n, at);
         if (!e.key) continue;  // a removed entry's hole
         if (!first) separator(depth);
         first = false;

@@ -350,6 +350,33 @@ TEST(JSONWriter, RepeatedKeysAndBufferReuse) {
     }
     EXPECT_EQ(write(rows), expected + "]");
   }
+  {  // dictionaries with removed entries, among many: the walk fetches ahead
+     // through their holes
+    auto rows = MutableArray::make();
+    auto holes = MutableDictionary::make();
+    std::string expected = "[";
+    for (int row = 0; row < 20; ++row) {
+      auto d = MutableDictionary::make();
+      for (const char* k : {"a", "b", "c", "d"}) {
+        d->setObjectForKey(MutableArray::make({Number::withInt(row)}), String::fromUTF8(k));
+      }
+      d->removeObjectForKey(NK_STR("b"));
+      d->removeObjectForKey(NK_STR("d"));
+      rows->addObject(d);
+      holes->setObjectForKey(d, String::fromUTF8("r" + std::to_string(row)));
+      const std::string n = std::to_string(row);
+      expected += (row ? ",{" : "{") + std::string("\"a\":[") + n + "],\"c\":[" + n + "]}";
+    }
+    for (int row = 0; row < 20; row += 2)
+      holes->removeObjectForKey(String::fromUTF8("r" + std::to_string(row)));
+    EXPECT_EQ(write(rows), expected + "]");
+    std::string expectedHoles = "{";
+    for (int row = 1; row < 20; row += 2) {
+      const std::string n = std::to_string(row);
+      expectedHoles += (row > 1 ? ",\"r" : "\"r") + n + "\":{\"a\":[" + n + "],\"c\":[" + n + "]}";
+    }
+    EXPECT_EQ(write(holes), expectedHoles + "}");
+  }
   {  // a large write, a small one, a refused one, then a small one again
     auto big = MutableArray::make();
     for (int i = 0; i < 200000; ++i) big->addObject(NK_STR("0123456789"));
