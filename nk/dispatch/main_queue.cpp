@@ -8,6 +8,7 @@
 #include "nk/dispatch/main_context_internal.hpp"
 #include "nk/dispatch/main_thread.hpp"
 #include "nk/dispatch/queue_core_internal.hpp"
+#include "nk/foundation/block_pool.hpp"
 
 namespace nk::dispatch_internal {
 namespace {
@@ -68,7 +69,10 @@ class MainCore final : public QueueCore {
   }
 
   bool prepare() noexcept {
-    return flags_.fetch_or(kPolling, std::memory_order_seq_cst) & kPending;
+    const bool pending = flags_.fetch_or(kPolling, std::memory_order_seq_cst) & kPending;
+    // The loop may sleep now: value blocks freed by a burst of work go back.
+    if (!pending) block_pool::trim();
+    return pending;
   }
   bool check() noexcept {
     return flags_.fetch_and(~kPolling, std::memory_order_seq_cst) & kPending;

@@ -11,6 +11,7 @@
 #include "nk/dispatch/queue.hpp"
 #include "nk/dispatch/run_loop.hpp"
 #include "nk/dispatch/semaphore.hpp"
+#include "nk/foundation/block_pool.hpp"
 
 namespace nk {
 namespace {
@@ -99,6 +100,22 @@ TEST(MainQueue, NestedLoopInATaskRunsLaterTasks) {
   });
   EXPECT_TRUE(RunLoop::main().runUntil([&] { return outerDone; }, kPatience));
   EXPECT_TRUE(nestedReturned);
+}
+
+TEST(MainQueue, IdleLoopGivesBackFreedValueBlocks) {
+  if (!block_pool::pooling()) GTEST_SKIP() << "no pooling under AddressSanitizer";
+  std::atomic<bool> ran{false};
+  Queue::main().async([&] {
+    // A burst of work that frees a few megabytes of blocks on the main thread.
+    std::vector<void*> blocks(8000);
+    for (void*& b : blocks) b = block_pool::allocate(512);
+    for (void* b : blocks) block_pool::deallocate(b, 512);
+    ran = true;
+  });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return ran.load(); }, kPatience));
+  EXPECT_GT(block_pool::cachedBytes(), block_pool::kIdleCachedBytes);
+  RunLoop::main().runOnce(false);  // the loop looks for work, finds none, may sleep
+  EXPECT_LE(block_pool::cachedBytes(), block_pool::kIdleCachedBytes);
 }
 
 TEST(MainQueueDeathTest, SyncFromTheMainThreadTerminates) {

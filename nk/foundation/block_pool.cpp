@@ -20,7 +20,8 @@ constexpr bool kPooling = true;
 constexpr bool kPooling = true;
 #endif
 
-// Free blocks a thread keeps for reuse, in bytes.
+// Free blocks a thread keeps for reuse, in bytes. Dispatch workers and the main
+// loop give them back when they go idle (trim()).
 constexpr size_t kCachedBytesLimit = size_t{64} << 20;
 constexpr size_t kGranule = 8;
 constexpr size_t kClasses = kLargestBlock / kGranule;

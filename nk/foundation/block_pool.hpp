@@ -6,9 +6,9 @@
 // which costs more than parsing the text. A freed block instead goes on a free
 // list of its thread, by size class, and allocations of that class take the
 // blocks back in the order they were freed. A thread keeps a bounded amount of
-// free blocks; beyond that, when the thread ends, and when a dispatch worker
-// goes idle (trim()), blocks go back to the heap. A block freed on another
-// thread than the one that made it joins the freeing thread's lists.
+// free blocks; beyond that, when the thread ends, and when a dispatch worker or
+// the main loop goes idle (trim()), blocks go back to the heap. A block freed on
+// another thread than the one that made it joins the freeing thread's lists.
 #pragma once
 
 #include <cstddef>
