@@ -18,6 +18,10 @@
 
 namespace nk {
 
+namespace collection_internal {
+struct StorageAccess;
+}  // namespace collection_internal
+
 class Array : public Object {
   NK_DECLARE_CLASS(Array, Object)
 
@@ -103,6 +107,7 @@ class Array : public Object {
   static void operator delete(void* p, size_t size) noexcept { block_pool::deallocate(p, size); }
 
  protected:
+  friend struct collection_internal::StorageAccess;
   using Items = std::vector<Id, block_pool::Allocator<Id>>;
 
   Array() noexcept = default;

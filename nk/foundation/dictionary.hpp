@@ -241,6 +241,7 @@ class Dictionary : public Object {
  private:
   template <class Derived, class Value>
   friend class DictionaryIteratorBase;
+  friend struct collection_internal::StorageAccess;
 };
 
 // Shared stepping of the key and entry iterators.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/collection_storage_internal.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/null.hpp"
 #include "nk/foundation/number.hpp"
@@ -22,16 +23,7 @@ namespace nk {
 namespace {
 
 using collection_internal::OrderedTable;
-
-// Reach the storage of containers we are building, so that entries go in
-// without a key copy and a mutation count per insert, and elements are moved
-// in without touching their reference counts.
-struct DictionaryTable : Dictionary {
-  static OrderedTable& of(Dictionary& d) noexcept { return d.*(&DictionaryTable::table_); }
-};
-struct ArrayItems : Array {
-  static Items& of(Array& a) noexcept { return a.*(&ArrayItems::items_); }
-};
+using collection_internal::StorageAccess;
 
 struct ParseFailure {
   size_t offset;
@@ -128,8 +120,8 @@ class Builder {
   Id array(size_t start) {
     Ref<Array> a = mutableContainers_ ? Ref<Array>(MutableArray::make()) : Array::make();
     const auto first = values_.begin() + static_cast<std::ptrdiff_t>(start);
-    ArrayItems::of(*a).assign(std::make_move_iterator(first),
-                              std::make_move_iterator(values_.end()));
+    StorageAccess::items(*a).assign(std::make_move_iterator(first),
+                                    std::make_move_iterator(values_.end()));
     values_.erase(first, values_.end());
     return a;
   }
@@ -138,7 +130,7 @@ class Builder {
   Id dictionary(size_t start) {
     Ref<Dictionary> d =
         mutableContainers_ ? Ref<Dictionary>(MutableDictionary::make()) : Dictionary::make();
-    OrderedTable& table = DictionaryTable::of(*d);
+    OrderedTable& table = StorageAccess::table(*d);
     table.reserve(entries_.size() - start);
     for (size_t i = start; i < entries_.size(); ++i) {
       Entry& e = entries_[i];

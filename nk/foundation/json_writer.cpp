@@ -18,6 +18,7 @@
 
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/class.hpp"
+#include "nk/foundation/collection_storage_internal.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/null.hpp"
 #include "nk/foundation/number.hpp"
@@ -28,6 +29,7 @@ namespace nk {
 
 namespace {
 
+using collection_internal::StorageAccess;
 using number_text_internal::kNumberRoom;
 using number_text_internal::writeDouble;
 using number_text_internal::writeInteger;
@@ -90,14 +92,6 @@ inline size_t firstMarked(uint64_t mask) noexcept {
     return static_cast<size_t>(std::countl_zero(mask)) / 8;
   }
 }
-
-// Reaches the entry table of a dictionary, to walk it without the mutation
-// checks of its iterators (nothing changes it while it is written).
-struct DictionaryTable : Dictionary {
-  static const collection_internal::OrderedTable& of(const Dictionary& d) noexcept {
-    return d.*(&DictionaryTable::table_);
-  }
-};
 
 enum class Kind : uint8_t { kString, kNumber, kDictionary, kArray, kNull, kOther };
 
@@ -262,7 +256,7 @@ class Writer {
     const void* start;
     size_t bytes;
     if (type == &typeid(Dictionary)) {
-      const auto& entries = DictionaryTable::of(*static_cast<const Dictionary*>(o)).entries();
+      const auto& entries = StorageAccess::table(*static_cast<const Dictionary*>(o)).entries();
       start = entries.data();
       bytes = entries.size() * sizeof(entries[0]);
     } else if (type == &typeid(Array)) {
@@ -299,7 +293,7 @@ class Writer {
       }
     };
     if (type == &typeid(Dictionary)) {
-      const auto& entries = DictionaryTable::of(*static_cast<const Dictionary*>(o)).entries();
+      const auto& entries = StorageAccess::table(*static_cast<const Dictionary*>(o)).entries();
       const size_t n = std::min(entries.size(), size_t{16});
       for (size_t k = 0; k < n; ++k) each(entries[k].value.get());
     } else if (type == &typeid(Array)) {
@@ -412,7 +406,7 @@ class Writer {
         member(*k, v, depth);
       }
     } else {
-      const auto& entries = DictionaryTable::of(d).entries();
+      const auto& entries = StorageAccess::table(d).entries();
       const size_t n = entries.size();
       const auto at = [&](size_t k) { return entries[k].value.get(); };
       for (size_t i = 0; i < std::min(n, kPrefetchAhead); ++i) prefetch(at(i));

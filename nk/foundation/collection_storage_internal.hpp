@@ -1,0 +1,18 @@
+// Direct access to the storage of arrays and dictionaries, for the JSON reader
+// and writer: the reader fills containers it is building without a key copy and
+// a mutation count per insert, and the writer walks them without the mutation
+// checks of their iterators (nothing changes them while they are written).
+#pragma once
+
+#include "nk/foundation/array.hpp"
+#include "nk/foundation/dictionary.hpp"
+
+namespace nk::collection_internal {
+
+struct StorageAccess {
+  static OrderedTable& table(Dictionary& d) noexcept { return d.table_; }
+  static const OrderedTable& table(const Dictionary& d) noexcept { return d.table_; }
+  static Array::Items& items(Array& a) noexcept { return a.items_; }
+};
+
+}  // namespace nk::collection_internal
