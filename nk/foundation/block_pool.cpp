@@ -2,6 +2,8 @@
 
 #include "nk/foundation/block_pool.hpp"
 
+#include <atomic>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -60,6 +62,10 @@ struct Drain {
   }
 };
 
+// The other per-thread caches trim() gives back (addIdleRelease).
+constexpr size_t kIdleReleaseSlots = 4;
+std::atomic<void (*)() noexcept> idleReleases[kIdleReleaseSlots] = {};
+
 // Size class of a block of `bytes` (1 to kLargestBlock).
 size_t classOf(size_t bytes) noexcept { return (bytes - 1) / kGranule; }
 
@@ -111,6 +117,17 @@ size_t cachedBytes() noexcept { return threadCache.cachedBytes; }
 void trim() noexcept {
   ThreadCache& c = threadCache;
   if (c.cachedBytes > kIdleCachedBytes) releaseAll(c);
+  for (const auto& hook : idleReleases) {
+    if (auto* release = hook.load(std::memory_order_acquire)) release();
+  }
+}
+
+void addIdleRelease(void (*release)() noexcept) noexcept {
+  for (auto& hook : idleReleases) {
+    void (*empty)() noexcept = nullptr;
+    if (hook.compare_exchange_strong(empty, release, std::memory_order_acq_rel)) return;
+  }
+  std::abort();  // more caches than slots: raise kIdleReleaseSlots
 }
 
 }  // namespace nk::block_pool

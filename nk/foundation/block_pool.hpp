@@ -35,6 +35,11 @@ size_t cachedBytes() noexcept;
 inline constexpr size_t kIdleCachedBytes = size_t{1} << 20;
 void trim() noexcept;
 
+// Adds another per-thread cache to what trim() gives back: `release` then runs on
+// the trimming thread, for that thread's own cache. At most a few are registered,
+// once each, by the library's own caches.
+void addIdleRelease(void (*release)() noexcept) noexcept;
+
 // A standard allocator over the pool, for element storage.
 template <class T>
 struct Allocator {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/collection_storage_internal.hpp"
 #include "nk/foundation/dictionary.hpp"
@@ -133,7 +134,7 @@ class KindCache {
 // The output buffer of the last write on this thread, kept for the next one:
 // fresh pages of a large buffer cost more to fault in than to fill. Between
 // writes a thread holds at most 64 MB, and above 1 MB no more than about four
-// times its last document.
+// times its last document; above 1 MB it goes back when the thread goes idle.
 class SpareBuffer {
  public:
   SpareBuffer() noexcept = default;
@@ -147,7 +148,6 @@ class SpareBuffer {
   }
   // Keeps `data` (which has `capacity` bytes, `used` of them written) or frees it.
   void giveBack(uint8_t* data, size_t capacity, size_t used) noexcept {
-    constexpr size_t kAlwaysKept = size_t{1} << 20;
     constexpr size_t kLargestKept = size_t{64} << 20;
     if (data_ || capacity > kLargestKept || (capacity > kAlwaysKept && capacity / 4 > used)) {
       std::free(data);
@@ -157,12 +157,28 @@ class SpareBuffer {
     capacity_ = capacity;
   }
 
+  // Frees a buffer of more than a megabyte: for a thread going idle.
+  void releaseLarge() noexcept {
+    if (capacity_ > kAlwaysKept) {
+      std::free(std::exchange(data_, nullptr));
+      capacity_ = 0;
+    }
+  }
+
  private:
+  static constexpr size_t kAlwaysKept = size_t{1} << 20;
+
   uint8_t* data_ = nullptr;
   size_t capacity_ = 0;
 };
 
 thread_local SpareBuffer spareBuffer;
+
+// A large buffer goes back with the value blocks when the thread goes idle.
+[[maybe_unused]] const bool spareBufferReleased = [] {
+  block_pool::addIdleRelease([]() noexcept { spareBuffer.releaseLarge(); });
+  return true;
+}();
 
 class Writer {
  public:

@@ -3,6 +3,7 @@
 #include "nk/foundation/json_writer.hpp"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <bit>
 #include <charconv>
@@ -13,9 +14,11 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "nk/foundation/array.hpp"
+#include "nk/foundation/block_pool.hpp"
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/json_serialization.hpp"
@@ -387,6 +390,23 @@ TEST(JSONWriter, RepeatedKeysAndBufferReuse) {
     EXPECT_EQ(write(Array::make({NK_STR("x")})), R"(["x"])");
     EXPECT_EQ(write(big), bigText);
   }
+}
+
+TEST(JSONWriter, IdleThreadGivesBackALargeOutputBuffer) {
+  if (!block_pool::pooling()) GTEST_SKIP() << "heap figures are the sanitizer's own";
+  auto big = MutableArray::make();
+  for (int i = 0; i < 200000; ++i) big->addObject(NK_STR("0123456789"));
+  std::thread([&] {
+    EXPECT_EQ(write(big).size(), 2 + 200000 * 13 - 1);
+    auto inUse = [] {
+      const auto info = mallinfo2();
+      return info.uordblks + info.hblkhd;  // large blocks are mapped on their own
+    };
+    const size_t kept = inUse();
+    block_pool::trim();
+    EXPECT_GE(kept - inUse(), size_t{2} << 20) << "the buffer was kept";
+    EXPECT_EQ(write(Array::make({NK_STR("x")})), R"(["x"])");
+  }).join();
 }
 
 TEST(JSONWriter, RefusesWhatJSONCannotHold) {
