@@ -45,10 +45,22 @@ bool waitOnMainLoop(const nk::Ref<nk::PRMPromise>& p) {
   return nk::RunLoop::main().runUntil([&] { return !p->pending(); }, std::chrono::minutes(5));
 }
 
-void BM_All_Fulfilled_Nk(benchmark::State& s) {
+// Times `round(n)` (the seconds one aggregate of n members took) once per
+// iteration, and reports the average per member.
+template <class Round>
+void timeRounds(benchmark::State& s, Round round) {
   const auto n = static_cast<size_t>(s.range(0));
   double total = 0;
   for (auto _ : s) {
+    const double t = round(n);
+    total += t;
+    s.SetIterationTime(t);
+  }
+  perMember(s, total);
+}
+
+void BM_All_Fulfilled_Nk(benchmark::State& s) {
+  timeRounds(s, [&](size_t n) {
     std::vector<nk::Id> members;
     members.reserve(n);
     for (size_t i = 0; i < n; ++i) {
@@ -58,17 +70,12 @@ void BM_All_Fulfilled_Nk(benchmark::State& s) {
     auto start = Clock::now();
     auto all = nk::PRMPromise::all(array);
     if (!waitOnMainLoop(all) || !all->fulfilled()) s.SkipWithError("all did not fulfil");
-    double t = secondsSince(start);
-    total += t;
-    s.SetIterationTime(t);
-  }
-  perMember(s, total);
+    return secondsSince(start);
+  });
 }
 
 void BM_All_Fulfilled_Boost(benchmark::State& s) {
-  const auto n = static_cast<size_t>(s.range(0));
-  double total = 0;
-  for (auto _ : s) {
+  timeRounds(s, [&](size_t n) {
     std::vector<boost::future<int>> members;
     members.reserve(n);
     for (size_t i = 0; i < n; ++i) members.push_back(boost::make_ready_future(1));
@@ -77,16 +84,12 @@ void BM_All_Fulfilled_Boost(benchmark::State& s) {
     auto values = all.get();
     double t = secondsSince(start);
     if (values.size() != n) s.SkipWithError("when_all lost members");
-    total += t;
-    s.SetIterationTime(t);
-  }
-  perMember(s, total);
+    return t;
+  });
 }
 
 void BM_All_Later_Nk(benchmark::State& s) {
-  const auto n = static_cast<size_t>(s.range(0));
-  double total = 0;
-  for (auto _ : s) {
+  timeRounds(s, [&](size_t n) {
     std::vector<nk::Id> members;
     std::vector<nk::PRMResolver> resolvers;
     members.reserve(n);
@@ -111,16 +114,12 @@ void BM_All_Later_Nk(benchmark::State& s) {
     // As the peer joins its settling thread: the members are then freed here, not by
     // the background queue while the next iteration runs.
     settled.wait();
-    total += t;
-    s.SetIterationTime(t);
-  }
-  perMember(s, total);
+    return t;
+  });
 }
 
 void BM_All_Later_Boost(benchmark::State& s) {
-  const auto n = static_cast<size_t>(s.range(0));
-  double total = 0;
-  for (auto _ : s) {
+  timeRounds(s, [&](size_t n) {
     std::vector<boost::promise<int>> promises(n);
     std::vector<boost::future<int>> members;
     members.reserve(n);
@@ -134,10 +133,8 @@ void BM_All_Later_Boost(benchmark::State& s) {
     double t = secondsSince(start);
     settler.join();
     if (values.size() != n) s.SkipWithError("when_all lost members");
-    total += t;
-    s.SetIterationTime(t);
-  }
-  perMember(s, total);
+    return t;
+  });
 }
 
 void counts(benchmark::internal::Benchmark* b) {
