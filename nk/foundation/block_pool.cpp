@@ -32,11 +32,11 @@ struct FreeBlock {
   FreeBlock* next;
 };
 
-// Trivially destructible, so that reaching it costs no initialisation check.
 // Each class is a queue: blocks come back in the order they were freed. A large
 // document read after another was dropped then takes the old one's blocks in
 // the order it made them, which reads back faster than the reversed order a
-// stack gives.
+// stack gives. Trivially destructible, so that reaching it costs no
+// initialisation check.
 struct ThreadCache {
   FreeBlock* heads[kClasses];
   FreeBlock* tails[kClasses];
