@@ -26,9 +26,18 @@ class GlobalCore final : public QueueCore {
       : QueueCore(QueueKind::kGlobal, priority, label), pool_(ThreadPool::instance()) {}
 
   void push(Task&& task, bool) override {
-    pool_.push(priority, WorkItem{std::move(task), reinterpret_cast<uintptr_t>(this)});
+    WorkItem item{std::move(task), reinterpret_cast<uintptr_t>(this)};
+    if (ThreadPool::canHold()) {
+      ThreadPool::hold(priority, std::move(item));
+    } else {
+      pool_.push(priority, std::move(item));
+    }
   }
   void pushBatch(Task* tasks, size_t count) override {
+    if (count == 1) {
+      push(std::move(tasks[0]), false);
+      return;
+    }
     pool_.pushEach(priority, count, [&](size_t i) noexcept {
       return WorkItem{std::move(tasks[i]), reinterpret_cast<uintptr_t>(this)};
     });

@@ -10,6 +10,7 @@
 #include <bit>
 #include <climits>
 #include <thread>
+#include <utility>
 
 #include "nk/foundation/block_pool.hpp"
 
@@ -48,6 +49,44 @@ void wakeBit(std::atomic<uint64_t>* state, uint32_t bit) noexcept {
 }
 
 }  // namespace
+
+// The task a worker keeps for itself, in workerMain's frame.
+struct ThreadPool::Held {
+  WorkItem item;
+  QueuePriority priority = QueuePriority::kDefault;
+  bool present = false;
+};
+
+namespace {
+// The worker's slot while it runs a plain task (not a serial or concurrent queue's run),
+// and the slot open to hold() inside a TaskTailRegion.
+thread_local ThreadPool::Held* tlsTaskSlot = nullptr;
+thread_local ThreadPool::Held* tlsTailSlot = nullptr;
+}  // namespace
+
+TaskTailRegion::TaskTailRegion() noexcept : saved_(tlsTailSlot) { tlsTailSlot = tlsTaskSlot; }
+
+TaskTailRegion::~TaskTailRegion() { tlsTailSlot = saved_; }
+
+void TaskTailRegion::interrupt() noexcept {
+  if (ThreadPool::Held* held = std::exchange(tlsTailSlot, nullptr)) {
+    ThreadPool::instance().queueHeld(*held);
+  }
+}
+
+bool ThreadPool::canHold() noexcept { return tlsTailSlot && !tlsTailSlot->present; }
+
+void ThreadPool::hold(QueuePriority priority, WorkItem&& item) noexcept {
+  tlsTailSlot->item = std::move(item);
+  tlsTailSlot->priority = priority;
+  tlsTailSlot->present = true;
+}
+
+void ThreadPool::queueHeld(Held& held) noexcept {
+  if (!held.present) return;
+  held.present = false;
+  push(held.priority, std::move(held.item));
+}
 
 ThreadPool& ThreadPool::instance() noexcept {
   // Never destroyed: detached workers may still be running when static destructors run.
@@ -103,6 +142,7 @@ void ThreadPool::workerMain() {
   tlsPoolThread = true;
   pthread_setname_np(pthread_self(), "nk-pool");
   bool searching = false;
+  Held held;
   for (;;) {
     WorkItem item;
     if (popAny(item)) {
@@ -112,7 +152,8 @@ void ThreadPool::workerMain() {
         uint64_t before = state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
         if (this->searching(before) == 1 && anyPending()) notify();
       }
-      run(item);
+      run(item, held);
+      runHeld(held);
       continue;
     }
     if (!park(searching)) return;
@@ -183,7 +224,23 @@ bool ThreadPool::park(bool& searching) {
   return true;
 }
 
+// Runs the tasks the worker kept, while nothing else waits; otherwise queues the kept one
+// behind what waits, as if it had been queued at first.
+void ThreadPool::runHeld(Held& held) {
+  while (held.present) {
+    if (anyPending()) {
+      queueHeld(held);
+      return;
+    }
+    held.present = false;
+    WorkItem next = std::move(held.item);
+    run(next, held);
+  }
+}
+
 void ThreadPool::enterBlocking() noexcept {
+  // A task kept for later must not wait for this one.
+  if (tlsTaskSlot) queueHeld(*tlsTaskSlot);
   if (tlsPosition != 0) {
     positions_.fetch_and(~tlsPosition, std::memory_order_release);
     tlsPosition = 0;
@@ -202,7 +259,7 @@ void ThreadPool::exitBlocking() noexcept {
   census_.fetch_sub(kBlockedOne, std::memory_order_relaxed);
 }
 
-void ThreadPool::run(WorkItem& item) {
+void ThreadPool::run(WorkItem& item, Held& held) {
   auto* queue = reinterpret_cast<QueueCore*>(item.aux & ~kDrainTag);
   if (item.aux & kDrainTag) {
     queue->drain();
@@ -210,11 +267,13 @@ void ThreadPool::run(WorkItem& item) {
   }
   {
     FrameScope frame(queue, false);
+    tlsTaskSlot = &held;
     invokeGuarded(item.task, queue);
   }
   // Destroy what the task captured before the queue learns it is done: a barrier then
   // sees the effects of destructors too, and the queue may be deleted right after.
   item.task.reset();
+  tlsTaskSlot = nullptr;
   if (queue->kind == QueueKind::kConcurrent) queue->taskDone();
 }
 

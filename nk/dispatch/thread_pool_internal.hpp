@@ -37,6 +37,12 @@ class ThreadPool {
     notify();
   }
 
+  // Whether a task queued now at a global queue may stay with this worker (see
+  // TaskTailRegion). When true, the caller gives the task to hold() instead of pushing it.
+  static bool canHold() noexcept;
+  static void hold(QueuePriority priority, WorkItem&& item) noexcept;
+  struct Held;  // a worker's kept task
+
   // Brackets a wait on a pool thread, so that other work can still get a thread.
   void enterBlocking() noexcept;
   void exitBlocking() noexcept;
@@ -70,7 +76,10 @@ class ThreadPool {
   bool anyPending() const noexcept;
   void workerMain();
   bool park(bool& searching);
-  void run(WorkItem& item);
+  void run(WorkItem& item, Held& held);
+  void runHeld(Held& held);
+  void queueHeld(Held& held) noexcept;  // pushes a kept task, if any
+  friend class TaskTailRegion;
 
   SegmentedQueue<WorkItem> queues_[kPriorities];
   alignas(64) std::atomic<uint64_t> state_{0};
@@ -95,6 +104,28 @@ class BlockingRegion {
 
  private:
   bool active_;
+};
+
+// Marks the last steps of a task running on a pool worker, steps that queue the
+// continuation of the work and then return without blocking or running client code. The
+// one global-queue task queued in the region stays with the worker, which runs it next
+// unless other work is waiting; queued normally it would wake a second worker only for
+// that worker to find the queue empty again, a futex wake-up per link of a chain. No
+// effect off the pool or while a serial or concurrent queue runs its own share of work.
+class TaskTailRegion {
+ public:
+  TaskTailRegion() noexcept;
+  ~TaskTailRegion();
+  // Client code is about to run inside the region: a kept task goes to its queue, and
+  // the rest of the region keeps nothing, so that client code never waits on a task kept
+  // behind it.
+  static void interrupt() noexcept;
+
+  TaskTailRegion(const TaskTailRegion&) = delete;
+  TaskTailRegion& operator=(const TaskTailRegion&) = delete;
+
+ private:
+  ThreadPool::Held* saved_;
 };
 
 }  // namespace nk::dispatch_internal

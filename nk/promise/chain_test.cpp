@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -234,6 +236,30 @@ TEST(PromiseQueues, ThenInBackgroundRunsOnAPoolThread) {
   }
   ASSERT_FALSE(next->pending());
   EXPECT_FALSE(onMain.load());
+}
+
+TEST(PromiseQueues, ClientCodeRunWhileAStepSettlesMayWaitForGlobalWork) {
+  // A background step settles its promise as it ends, which runs this client callback
+  // on the step's thread; work it queues must still reach another thread.
+  auto d = deferred();
+  auto step = d.promise->thenInBackground([](Id v) { return v; });
+  std::promise<void> reached;
+  std::future<void> reachedDone = reached.get_future();
+  std::atomic<bool> waited{false};
+  auto watch = step->resolvedPending(
+      [](const Id&) { return [](const Queue&, auto) -> Ref<PRMPromise> { return nullptr; }; },
+      [&](const Id&, const Ref<PRMPromise>&, const Queue&, auto, PRMResolver resolveNext) {
+        Queue::global().async([&] { reached.set_value(); });
+        waited = reachedDone.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        resolveNext(nullptr);
+      });
+  auto watched = watch(Queue::global(), 0);
+  (*d.resolve)(nullptr);
+  for (int i = 0; i < 2500 && watched->pending(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_FALSE(watched->pending());
+  EXPECT_TRUE(waited.load());
 }
 
 TEST(PromiseQueues, HandlersOnOneSerialQueueRunInRegistrationOrder) {

@@ -3,6 +3,7 @@
 #include "nk/promise/promise.hpp"
 
 #include "nk/dispatch/once.hpp"
+#include "nk/dispatch/thread_pool_internal.hpp"
 #include "nk/foundation/class.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/exception.hpp"
@@ -209,6 +210,13 @@ void PRMPromise::resolveIfPending(PRMPromise* promise, const Id& value) {
     return;
   }
   PRMResolve(promise, value);
+}
+
+void promise_internal::leaveTaskTail() noexcept { dispatch_internal::TaskTailRegion::interrupt(); }
+
+void PRMPromise::finishStep(PRMPromise* promise, const Id& value) {
+  dispatch_internal::TaskTailRegion tail;
+  resolveIfPending(promise, value);
 }
 
 void PRMPromise::rejectFromBody(PRMPromise* promise, const Id& thrown) {

@@ -37,6 +37,10 @@ inline bool isError(const Id& value) noexcept {
   return value && value->isKindOfClass(Error::staticClass());
 }
 
+// Called before an entry runs code other than the engine's own while a step is being
+// finished, which may keep the next step's task on the pool thread (see finishStep).
+void leaveTaskTail() noexcept;
+
 // What settling hands each waiting entry: the value, whether it is an error (judged
 // once for all of them), and the tasks the entries queue, which go to their queue
 // together so that many handlers on one queue cost one queue operation per batch. An
@@ -111,6 +115,7 @@ struct CallableWaiter final : Waiter {
   static constexpr Ops kOps = {
       [](Waiter* self, Settlement& settlement) {
         WaiterPtr<CallableWaiter> owned(static_cast<CallableWaiter*>(self));
+        leaveTaskTail();
         settlement.flush();
         owned->f(settlement.value);
       },
@@ -420,6 +425,9 @@ class PRMPromise final : public Object {
   static void settle(PRMPromise* promise, const Id& value);
   // Settles `promise` unless settled (the resolver's rule), from engine code.
   static void resolveIfPending(PRMPromise* promise, const Id& value);
+  // resolveIfPending as the last thing a queued step does: the next step's task may
+  // then stay on this pool thread.
+  static void finishStep(PRMPromise* promise, const Id& value);
   // For a body that raised: stores the converted error, dropping the waiting entries.
   static void rejectFromBody(PRMPromise* promise, const Id& thrown);
   // Adds `waiter` if still pending and returns nil; else returns the slot and leaves
@@ -466,6 +474,7 @@ namespace promise_internal {
 struct Access {
   static Ref<PRMPromise> makePending() { return PRMPromise::makePending(); }
   static void resolveIfPending(PRMPromise* p, const Id& v) { PRMPromise::resolveIfPending(p, v); }
+  static void finishStep(PRMPromise* p, const Id& v) { PRMPromise::finishStep(p, v); }
   // Adds `w` to a pending promise and returns nil; a settled promise's slot otherwise.
   static Id tryRegister(const PRMPromise* p, Waiter* w) { return p->tryRegister(w); }
 };
@@ -498,18 +507,18 @@ constexpr bool kIgnoresValue = (K == ChainKind::kThen) && (FormOf<H>::kKnown) &&
 template <ChainKind K, class H>
 void runStep(H& handler, Id& value, PRMPromise* next) {
   if constexpr (K == ChainKind::kThen) {
-    Access::resolveIfPending(next, prm_safely_call_block(handler, std::move(value)));
+    Access::finishStep(next, prm_safely_call_block(handler, std::move(value)));
   } else if constexpr (K == ChainKind::kCatch) {
     PRMError::consume(static_cast<const Error*>(value.get()));
-    Access::resolveIfPending(next, prm_safely_call_block(handler, std::move(value)));
+    Access::finishStep(next, prm_safely_call_block(handler, std::move(value)));
   } else {
     try {
       std::invoke(handler);
     } catch (const ThrownObject& thrown) {
-      Access::resolveIfPending(next, NSErrorFromException(thrown.object()));
+      Access::finishStep(next, NSErrorFromException(thrown.object()));
       return;
     }
-    Access::resolveIfPending(next, value);
+    Access::finishStep(next, value);
   }
 }
 

@@ -1,0 +1,133 @@
+// Tests for the task a pool task keeps for its worker in its last steps: it runs after
+// the task, is never lost, and is never left waiting behind a task that blocks.
+#include "nk/dispatch/thread_pool_internal.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "nk/dispatch/queue.hpp"
+#include "nk/dispatch/semaphore.hpp"
+
+namespace nk::dispatch_internal {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 20s;  // generous: only a hang should ever reach it
+
+// Waiting on a std::future is client code blocking: the pool does not know about it.
+bool ready(std::future<void>& f) { return f.wait_for(kPatience) == std::future_status::ready; }
+
+TEST(PoolTaskTail, KeptTaskRunsAfterTheTaskOnItsWorker) {
+  std::atomic<bool> outerReturned{false};
+  std::thread::id outerThread, innerThread;
+  bool innerSawOuterReturn = false;
+  Semaphore done;
+  Queue::global().async([&] {
+    outerThread = std::this_thread::get_id();
+    {
+      TaskTailRegion tail;
+      Queue::global().async([&] {
+        innerThread = std::this_thread::get_id();
+        innerSawOuterReturn = outerReturned.load();
+        done.signal();
+      });
+    }
+    // Still inside the task: the kept task must not have started.
+    std::this_thread::sleep_for(20ms);
+    outerReturned = true;
+  });
+  ASSERT_TRUE(done.waitFor(kPatience));
+  EXPECT_TRUE(innerSawOuterReturn);
+  EXPECT_EQ(innerThread, outerThread);
+}
+
+TEST(PoolTaskTail, LosesNoTasksAlongLongChains) {
+  // Every step keeps the next; some steps also queue ordinary work, which then waits and
+  // sends the kept step to the back of the queue instead.
+  constexpr int kChains = 8, kSteps = 2000;
+  std::atomic<int> steps{0}, extras{0};
+  Semaphore done;
+  struct Step {
+    static void run(std::atomic<int>& steps, std::atomic<int>& extras, Semaphore& done, int left) {
+      if (left % 5 == 0) Queue::global(QueuePriority::kHigh).async([&] { ++extras; });
+      if (steps.fetch_add(1) + 1 == kChains * kSteps) done.signal();
+      if (left == 1) return;
+      TaskTailRegion tail;
+      Queue::global().async([&, left] { run(steps, extras, done, left - 1); });
+    }
+  };
+  for (int c = 0; c < kChains; ++c) {
+    Queue::global().async([&] { Step::run(steps, extras, done, kSteps); });
+  }
+  ASSERT_TRUE(done.waitFor(kPatience));
+  EXPECT_EQ(steps.load(), kChains * kSteps);
+  for (int i = 0; i < 1000 && extras.load() != kChains * kSteps / 5; ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(extras.load(), kChains * kSteps / 5);
+}
+
+TEST(PoolTaskTail, BlockingTaskDoesNotWaitOnItsKeptTask) {
+  // Waiting through the library's own primitives gives the kept task to another worker.
+  {
+    Semaphore inner, outer;
+    Queue::global().async([&] {
+      {
+        TaskTailRegion tail;
+        Queue::global().async([&] { inner.signal(); });
+      }
+      EXPECT_TRUE(inner.waitFor(kPatience));
+      outer.signal();
+    });
+    ASSERT_TRUE(outer.waitFor(kPatience));
+  }
+  // Client code run inside the region interrupts it first: the kept task is queued, and
+  // a later task in the region is queued too, so a plain condition variable wait ends.
+  {
+    std::promise<void> first, second;
+    std::future<void> firstDone = first.get_future(), secondDone = second.get_future();
+    Semaphore outer;
+    Queue::global().async([&] {
+      TaskTailRegion tail;
+      Queue::global().async([&] { first.set_value(); });
+      TaskTailRegion::interrupt();
+      Queue::global().async([&] { second.set_value(); });
+      EXPECT_TRUE(ready(firstDone));
+      EXPECT_TRUE(ready(secondDone));
+      outer.signal();
+    });
+    ASSERT_TRUE(outer.waitFor(kPatience));
+  }
+}
+
+TEST(PoolTaskTail, NothingIsKeptOutsideAPlainPoolTask) {
+  // Off the pool, and inside a serial queue's run, tasks are queued as usual: a kept
+  // task here would wait behind this thread or behind the serial queue's later tasks.
+  std::promise<void> offPool, fromSerial;
+  std::future<void> offPoolDone = offPool.get_future(), fromSerialDone = fromSerial.get_future();
+  {
+    TaskTailRegion tail;
+    Queue::global().async([&] { offPool.set_value(); });
+  }
+  EXPECT_TRUE(ready(offPoolDone));
+
+  Queue serial = Queue::serial("nk.test.tail");
+  Semaphore done;
+  serial.async([&] {
+    TaskTailRegion tail;
+    Queue::global().async([&] { fromSerial.set_value(); });
+  });
+  serial.async([&] {
+    EXPECT_TRUE(ready(fromSerialDone));
+    done.signal();
+  });
+  ASSERT_TRUE(done.waitFor(kPatience));
+}
+
+}  // namespace
+}  // namespace nk::dispatch_internal
