@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <thread>
 
 #include "nk/dispatch/semaphore.hpp"
@@ -18,72 +20,65 @@ using namespace std::chrono_literals;
 
 constexpr uint64_t kMillisecond = 1'000'000;
 
-TEST(CreateDispatchTimer, StartedTimerRepeatsOnItsQueue) {
-  Queue queue = Queue::serial("env.timer.started");
+// A serial queue and a handler that counts its calls, notes whether each ran on that
+// queue, and signals each one.
+class DispatchTimer : public ::testing::Test {
+ protected:
+  std::function<void()> handler() {
+    return [this] {
+      if (!(Queue::current() == queue)) onQueue = false;
+      ++count;
+      fired.signal();
+    };
+  }
+  // Cancels, and lets a call still running finish before the members go.
+  void TearDown() override {
+    if (timer) timer->cancel();
+    queue.sync([] {});
+  }
+
+  Queue queue = Queue::serial("env.timer");
   Semaphore fired;
   std::atomic<int> count{0};
   std::atomic<bool> onQueue{true};
-  auto timer = CreateDispatchTimer(
-      2 * kMillisecond, 0, queue,
-      [&] {
-        if (!(Queue::current() == queue)) onQueue = false;
-        ++count;
-        fired.signal();
-      },
-      true);
+  std::unique_ptr<TimerSource> timer;
+};
+
+TEST_F(DispatchTimer, StartedTimerRepeatsOnItsQueue) {
+  timer = CreateDispatchTimer(2 * kMillisecond, 0, queue, handler(), true);
   ASSERT_TRUE(timer);
-  {  // it fires more than once, each time on the queue it was given
-    ASSERT_TRUE(fired.waitFor(5s));
-    ASSERT_TRUE(fired.waitFor(5s));
-    ASSERT_TRUE(fired.waitFor(5s));
-    EXPECT_TRUE(onQueue.load());
-  }
-  {  // after cancel the handler is not started again
-    timer->cancel();
-    EXPECT_TRUE(timer->isCancelled());
-    // A call already running when cancel returned finishes before this block on the
-    // serial queue.
-    const int atCancel = queue.sync([&] { return count.load(); });
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(count.load(), atCancel);
-  }
+  // It fires more than once, each time on the queue it was given.
+  ASSERT_TRUE(fired.waitFor(5s));
+  ASSERT_TRUE(fired.waitFor(5s));
+  ASSERT_TRUE(fired.waitFor(5s));
+  EXPECT_TRUE(onQueue.load());
+  // After cancel the handler is not started again.
+  timer->cancel();
+  EXPECT_TRUE(timer->isCancelled());
+  // A call already running when cancel returned finishes before this block on the serial queue.
+  const int atCancel = queue.sync([&] { return count.load(); });
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(count.load(), atCancel);
 }
 
-TEST(CreateDispatchTimer, SuspendedTimerWaitsUntilResumed) {
-  Queue queue = Queue::serial("env.timer.suspended");
-  Semaphore fired;
-  std::atomic<int> count{0};
-  auto timer = CreateDispatchTimer(
-      kMillisecond, 0, queue,
-      [&] {
-        ++count;
-        fired.signal();
-      },
-      false);
+TEST_F(DispatchTimer, SuspendedTimerWaitsUntilResumed) {
+  timer = CreateDispatchTimer(kMillisecond, 0, queue, handler(), false);
   ASSERT_TRUE(timer);
-  {  // nothing happens while it is suspended, though its first firing is long due
-    EXPECT_FALSE(fired.waitFor(30ms));
-    EXPECT_EQ(count.load(), 0);
-  }
-  {  // resuming starts it at once
-    timer->resume();
-    EXPECT_TRUE(fired.waitFor(5s));
-    timer->cancel();
-    queue.sync([] {});  // lets a call still running finish before the locals go
-  }
+  // Nothing happens while it is suspended, though its first firing is long due.
+  EXPECT_FALSE(fired.waitFor(30ms));
+  EXPECT_EQ(count.load(), 0);
+  // Resuming starts it at once.
+  timer->resume();
+  EXPECT_TRUE(fired.waitFor(5s));
 }
 
 // A started timer without a handler runs quietly and takes a handler later.
-TEST(CreateDispatchTimer, WithoutHandler) {
-  Queue queue = Queue::serial("env.timer.no-handler");
-  Semaphore fired;
-  auto timer = CreateDispatchTimer(kMillisecond, 0, queue, nullptr, true);
+TEST_F(DispatchTimer, WithoutHandler) {
+  timer = CreateDispatchTimer(kMillisecond, 0, queue, nullptr, true);
   ASSERT_TRUE(timer);
   std::this_thread::sleep_for(5ms);
-  timer->setEventHandler([&] { fired.signal(); });
+  timer->setEventHandler(handler());
   EXPECT_TRUE(fired.waitFor(5s));
-  timer->cancel();
-  queue.sync([] {});
 }
 
 }  // namespace

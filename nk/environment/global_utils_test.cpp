@@ -24,37 +24,20 @@ using test::writeFile;
 
 Ref<String> S(std::string_view utf8) { return String::fromUTF8(utf8); }
 
-bool email(std::string_view text) { return NKGlobalUtils::isValidEmailAddress(S(text).get()); }
-
 TEST(NKGlobalUtils, EmailAddresses) {
-  {  // well-formed addresses
-    EXPECT_TRUE(email("a.b+c@host.example"));
-    EXPECT_TRUE(email("x@y.co"));
-    EXPECT_TRUE(email("first_last%tag-1@sub-domain.example.org"));
+  // Purely syntactic: leading and consecutive dots pass.
+  for (const char* text : {"a.b+c@host.example", "x@y.co",
+                           "first_last%tag-1@sub-domain.example.org", ".a@b.cd", "a..b@c..de"}) {
+    EXPECT_TRUE(NKGlobalUtils::isValidEmailAddress(S(text).get())) << text;
   }
-  {  // purely syntactic: leading and consecutive dots pass
-    EXPECT_TRUE(email(".a@b.cd"));
-    EXPECT_TRUE(email("a..b@c..de"));
+  // Malformed; then the match must cover the whole string, trailing line ends included;
+  // then ASCII only: internationalised addresses are rejected.
+  for (const char* text :
+       {"", "a@b", "a@b.c", "a b@c.de", "a@b.c1", "a@@b.cd", "@b.cd", "x@y.co\n", " x@y.co",
+        "jos\xC3\xA9@example.com", "a@b\xC3\xBC.de", "a@b.d\xC3\xA9"}) {
+    EXPECT_FALSE(NKGlobalUtils::isValidEmailAddress(S(text).get())) << text;
   }
-  {  // nil, empty and malformed
-    EXPECT_FALSE(NKGlobalUtils::isValidEmailAddress(nullptr));
-    EXPECT_FALSE(email(""));
-    EXPECT_FALSE(email("a@b"));
-    EXPECT_FALSE(email("a@b.c"));
-    EXPECT_FALSE(email("a b@c.de"));
-    EXPECT_FALSE(email("a@b.c1"));
-    EXPECT_FALSE(email("a@@b.cd"));
-    EXPECT_FALSE(email("@b.cd"));
-  }
-  {  // the match must cover the whole string, trailing line ends included
-    EXPECT_FALSE(email("x@y.co\n"));
-    EXPECT_FALSE(email(" x@y.co"));
-  }
-  {  // ASCII only: internationalised addresses are rejected
-    EXPECT_FALSE(email("jos\xC3\xA9@example.com"));
-    EXPECT_FALSE(email("a@b\xC3\xBC.de"));
-    EXPECT_FALSE(email("a@b.d\xC3\xA9"));
-  }
+  EXPECT_FALSE(NKGlobalUtils::isValidEmailAddress(nullptr));
 }
 
 TEST(NKGlobalUtils, NowUnixTime) {
@@ -73,14 +56,12 @@ TEST(NKGlobalUtils, OperatingSystemVersionTests) {
     EXPECT_EQ(NKGlobalUtils::isOSLessThan(v), !atLeast)
         << v.majorVersion << "." << v.minorVersion << "." << v.patchVersion;
   };
-  {  // the running version itself: "greater" is an at-least test
-    check(own, true);
-  }
-  {  // one step later in each part
-    check({own.majorVersion, own.minorVersion, own.patchVersion + 1}, false);
-    check({own.majorVersion, own.minorVersion + 1, 0}, false);
-    check({own.majorVersion + 1, 0, 0}, false);
-  }
+  // The running version itself: "greater" is an at-least test.
+  check(own, true);
+  // One step later in each part.
+  check({own.majorVersion, own.minorVersion, own.patchVersion + 1}, false);
+  check({own.majorVersion, own.minorVersion + 1, 0}, false);
+  check({own.majorVersion + 1, 0, 0}, false);
   {  // earlier versions; the major part decides before the others
     check({own.majorVersion - 1, 999, 999}, true);
     check({0, 0, 0}, true);
@@ -93,43 +74,34 @@ TEST(NKGlobalUtils, DeviceNames) {
   TempDir dir;
   const std::string info = dir / "machine-info";
   ScopedEnv env("NK_MACHINE_INFO", info);
-  {  // a named computer, trimmed
-    writeFile(info, "PRETTY_HOSTNAME=\"  Studio \"\n");
-    EXPECT_EQ(NKGlobalUtils::getFriendlyDeviceName()->utf8(), "Studio (Velmont Files for Mac)");
-    EXPECT_EQ(NKGlobalUtils::getDeviceNameForRemote()->utf8(), "Studio (Velmont Files for Mac)");
+  auto expectName = [](const std::string& name) {
+    EXPECT_EQ(NKGlobalUtils::getFriendlyDeviceName()->utf8(), name);
+    EXPECT_EQ(NKGlobalUtils::getDeviceNameForRemote()->utf8(), name);
+  };
+  // A named computer, trimmed.
+  writeFile(info, "PRETTY_HOSTNAME=\"  Studio \"\n");
+  expectName("Studio (Velmont Files for Mac)");
+  // A name that is blank once trimmed counts as no name. (The platform layer already
+  // replaces a name of ASCII blanks by the host name, so the fixture uses an
+  // ideographic space and an object-replacement character, which trimming removes.)
+  for (const char* blank :
+       {"PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n", "PRETTY_HOSTNAME=\" \xEF\xBF\xBC\"\n"}) {
+    writeFile(info, blank);
+    expectName("Unknown Device Name (Velmont Files for Mac)");
   }
-  {  // a name that is blank once trimmed counts as no name (the platform layer already
-     // replaces a name of ASCII blanks by the host name, so the fixture uses an
-     // ideographic space and an object-replacement character, which trimming removes)
-    for (const char* blank :
-         {"PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n", "PRETTY_HOSTNAME=\" \xEF\xBF\xBC\"\n"}) {
-      writeFile(info, blank);
-      EXPECT_EQ(NKGlobalUtils::getFriendlyDeviceName()->utf8(),
-                "Unknown Device Name (Velmont Files for Mac)");
-      EXPECT_EQ(NKGlobalUtils::getDeviceNameForRemote()->utf8(),
-                "Unknown Device Name (Velmont Files for Mac)");
-    }
-  }
-  {  // the model is fixed
-    EXPECT_EQ(NKGlobalUtils::getFriendlyModel()->utf8(), "Mac");
-  }
+  // The model is fixed.
+  EXPECT_EQ(NKGlobalUtils::getFriendlyModel()->utf8(), "Mac");
 }
 
 TEST(NKGlobalUtils, BetaIdentifiers) {
-  auto beta = [](std::string_view id) {
-    return NKGlobalUtils::isBetaBundleIdentifier(S(id).get());
-  };
-  {  // "beta" at the end, in any case
-    EXPECT_TRUE(beta("com.example.App-BETA"));
-    EXPECT_TRUE(beta("com.example.app.beta"));
-    EXPECT_TRUE(beta("com.example.AppBeta"));
+  // "beta" counts at the end only, in any case.
+  for (const char* id : {"com.example.App-BETA", "com.example.app.beta", "com.example.AppBeta"}) {
+    EXPECT_TRUE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
   }
-  {  // anywhere else, or missing, it does not count
-    EXPECT_FALSE(beta("com.example.beta.app"));
-    EXPECT_FALSE(beta("com.example.betas"));
-    EXPECT_FALSE(beta(""));
-    EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
+  for (const char* id : {"com.example.beta.app", "com.example.betas", ""}) {
+    EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
   }
+  EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
 }
 
 // Runs `f` on several threads released together and returns every answer.
@@ -153,12 +125,13 @@ std::vector<bool> concurrently(F f) {
 // The only test in this binary that calls isBetaApp, so its first call happens here.
 TEST(NKGlobalUtils, BetaAppIsReadOnceFromTheMainBundle) {
   TempDir dir;
-  writeFile(dir / "beta/Info.plist",
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-            "<key>CFBundleIdentifier</key><string>com.example.App-BETA</string></dict></plist>\n");
-  writeFile(dir / "release/Info.plist",
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-            "<key>CFBundleIdentifier</key><string>com.example.beta.app</string></dict></plist>\n");
+  for (const auto& [folder, id] :
+       {std::pair{"beta", "com.example.App-BETA"}, std::pair{"release", "com.example.beta.app"}}) {
+    writeFile(dir / (std::string(folder) + "/Info.plist"),
+              std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
+                          "<dict><key>CFBundleIdentifier</key><string>") +
+                  id + "</string></dict></plist>\n");
+  }
   {  // concurrent first calls all see the beta identifier
     ScopedEnv env("NK_MAIN_BUNDLE", dir / "beta");
     for (bool answer : concurrently([] { return NKGlobalUtils::isBetaApp(); })) {
@@ -196,22 +169,18 @@ bool zone(std::initializer_list<Id> names) {
 }
 
 TEST(NKGlobalUtils, CloudNativeProtocolFlag) {
-  {  // surrounding whitespace is trimmed; position in the list does not matter
-    EXPECT_TRUE(zone({S(" SupportCloudNativeProtocol\n")}));
-    EXPECT_TRUE(zone({S("Other"), S("\tSupportCloudNativeProtocol")}));
+  // Surrounding whitespace is trimmed; position in the list does not matter.
+  EXPECT_TRUE(zone({S(" SupportCloudNativeProtocol\n")}));
+  EXPECT_TRUE(zone({S("Other"), S("\tSupportCloudNativeProtocol")}));
+  // Exact and case-sensitive; empty and nil lists.
+  for (const char* name : {"supportcloudnativeprotocol", "Support CloudNativeProtocol",
+                           "SupportCloudNativeProtocolV2"}) {
+    EXPECT_FALSE(zone({S(name)})) << name;
   }
-  {  // exact and case-sensitive
-    EXPECT_FALSE(zone({S("supportcloudnativeprotocol")}));
-    EXPECT_FALSE(zone({S("Support CloudNativeProtocol")}));
-    EXPECT_FALSE(zone({S("SupportCloudNativeProtocolV2")}));
-  }
-  {  // empty and nil lists
-    EXPECT_FALSE(zone({}));
-    EXPECT_FALSE(NKGlobalUtils::isCloudNativeProtocolSupportedInZoneServices(nullptr));
-  }
-  {  // an element that is not a string is refused, even after a match
-    EXPECT_THROW(zone({S("SupportCloudNativeProtocol"), Array::make()}), ThrownObject);
-  }
+  EXPECT_FALSE(zone({}));
+  EXPECT_FALSE(NKGlobalUtils::isCloudNativeProtocolSupportedInZoneServices(nullptr));
+  // An element that is not a string is refused, even after a match.
+  EXPECT_THROW(zone({S("SupportCloudNativeProtocol"), Array::make()}), ThrownObject);
 }
 
 TEST(NKGlobalUtils, ImageWithData) {
@@ -228,12 +197,11 @@ TEST(NKGlobalUtils, ImageWithData) {
     EXPECT_EQ(image->width(), 1);
     EXPECT_EQ(image->height(), 1);
   }
-  {  // truncated, foreign and missing bytes give nil
-    EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes(png, 30).get()));
-    EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes("not an image", 12).get()));
-    EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::empty().get()));
-    EXPECT_FALSE(NKGlobalUtils::imageWithData(nullptr));
-  }
+  // Truncated, foreign and missing bytes give nil.
+  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes(png, 30).get()));
+  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes("not an image", 12).get()));
+  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::empty().get()));
+  EXPECT_FALSE(NKGlobalUtils::imageWithData(nullptr));
 }
 
 // Implementations for the method-exchange tests; each returns its own tag.
@@ -248,14 +216,12 @@ Imp imp(int (*f)(const Class&)) { return reinterpret_cast<Imp>(f); }
 
 int call(const Class& cls, const char* name) {
   Method* m = cls.lookupMethod(name);
-  if (!m) return 0;
-  return reinterpret_cast<int (*)(Object*)>(m->implementation())(nullptr);
+  return m ? reinterpret_cast<int (*)(Object*)>(m->implementation())(nullptr) : 0;
 }
 
 int callClass(Class& cls, const char* name) {
   Method* m = cls.metaclass().lookupMethod(name);
-  if (!m) return 0;
-  return reinterpret_cast<int (*)(const Class&)>(m->implementation())(cls);
+  return m ? reinterpret_cast<int (*)(const Class&)>(m->implementation())(cls) : 0;
 }
 
 // A new class each time, so the tests can be repeated in one process.
@@ -264,35 +230,28 @@ Class& newClass(const char* stem, const Class& superclass) {
   return Class::registerClass(std::string(stem) + std::to_string(++serial), &superclass);
 }
 
-TEST(NKGlobalUtils, SwizzleExchangesMethodsTheClassDefines) {
-  Class& cls = newClass("EnvSwizzleOwn", Object::staticClass());
-  cls.addMethod("greet", imp(subOld), "i16@0:8");
-  cls.addMethod("nk_greet", imp(subNew), "i16@0:8");
-  NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
-  {  // each name now runs the other's code
+TEST(NKGlobalUtils, SwizzleOfInstanceMethods) {
+  {  // each name now runs the other's code; a second exchange undoes the first
+    Class& cls = newClass("EnvSwizzleOwn", Object::staticClass());
+    cls.addMethod("greet", imp(subOld), "i16@0:8");
+    cls.addMethod("nk_greet", imp(subNew), "i16@0:8");
+    NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
     EXPECT_EQ(call(cls, "greet"), 3);
     EXPECT_EQ(call(cls, "nk_greet"), 2);
-  }
-  {  // a second exchange undoes the first
     NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
     EXPECT_EQ(call(cls, "greet"), 2);
     EXPECT_EQ(call(cls, "nk_greet"), 3);
   }
-}
-
-TEST(NKGlobalUtils, SwizzleOfAnInheritedMethodLeavesTheSuperclassAlone) {
-  Class& base = newClass("EnvSwizzleBase", Object::staticClass());
-  base.addMethod("greet", imp(baseOld), "i16@0:8");
-  Class& sub = newClass("EnvSwizzleSub", base);
-  sub.addMethod("nk_greet", imp(subNew), "i16@0:8");
-  NKGlobalUtils::swizzleWithClass("greet", "nk_greet", sub);
-  {  // the subclass now has its own first method running the second's code, and back
+  {  // an inherited method: the subclass gets its own copy, the superclass is left alone
+    Class& base = newClass("EnvSwizzleBase", Object::staticClass());
+    base.addMethod("greet", imp(baseOld), "i16@0:8");
+    Class& sub = newClass("EnvSwizzleSub", base);
+    sub.addMethod("nk_greet", imp(subNew), "i16@0:8");
+    NKGlobalUtils::swizzleWithClass("greet", "nk_greet", sub);
     ASSERT_NE(sub.ownMethod("greet"), nullptr);
     EXPECT_EQ(sub.ownMethod("greet")->typeEncoding(), "i16@0:8");
     EXPECT_EQ(call(sub, "greet"), 3);
     EXPECT_EQ(call(sub, "nk_greet"), 1);
-  }
-  {  // the superclass keeps its method and gains nothing
     EXPECT_EQ(call(base, "greet"), 1);
     EXPECT_EQ(base.ownMethod("nk_greet"), nullptr);
   }

@@ -31,14 +31,12 @@ TEST(NKLocalizationUtils, DeviceSpecificLocalizedString) {
   writeFile(dir / "app/Resources/en.lproj/Other.strings", "\"other_key\" = \"Other value\";\n");
   ScopedEnv bundle("NK_MAIN_BUNDLE", dir / "app");
   ScopedEnv language("LANGUAGE", "en");
-  {  // a translated key, whatever the comment says
-    EXPECT_EQ(lookUp("sign_in", "Sign-in button"), "Sign in");
-    EXPECT_EQ(lookUp("sign_in", ""), "Sign in");
-  }
-  {  // untranslated keys, and keys only in another table, come back as they are
-    EXPECT_EQ(lookUp("not_translated", "whatever"), "not_translated");
-    EXPECT_EQ(lookUp("other_key", "lives in Other.strings"), "other_key");
-  }
+  // A translated key, whatever the comment says.
+  EXPECT_EQ(lookUp("sign_in", "Sign-in button"), "Sign in");
+  EXPECT_EQ(lookUp("sign_in", ""), "Sign in");
+  // Untranslated keys, and keys only in another table, come back as they are.
+  EXPECT_EQ(lookUp("not_translated", "whatever"), "not_translated");
+  EXPECT_EQ(lookUp("other_key", "lives in Other.strings"), "other_key");
   {  // the user's language decides
     ScopedEnv german("LANGUAGE", "de");
     EXPECT_EQ(lookUp("sign_in", "Sign-in button"), "Anmelden");

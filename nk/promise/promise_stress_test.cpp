@@ -14,16 +14,18 @@
 namespace nk {
 namespace {
 
+using namespace promise_test;
+
 TEST(PromiseStress, RegisteringWhileSettlingLosesAndDoublesNothing) {
-  promise_test::LogCapture quiet;  // the losing settler's warnings
+  LogCapture quiet;  // the losing settler's warnings
   constexpr int kPromises = 64;
   constexpr int kRegistrars = 4;
   constexpr int kPerRegistrar = 16;
   constexpr int kRounds = 4;
 
   for (int round = 0; round < kRounds; ++round) {
-    std::vector<promise_test::Deferred> promises;
-    for (int i = 0; i < kPromises; ++i) promises.push_back(promise_test::deferred());
+    std::vector<Deferred> promises;
+    for (int i = 0; i < kPromises; ++i) promises.push_back(deferred());
     // One counter per handler; each must end at exactly 1.
     auto counts = std::make_unique<std::atomic<int>[]>(kPromises * kRegistrars * kPerRegistrar);
     std::vector<std::vector<Ref<PRMPromise>>> nexts(kRegistrars);
@@ -83,8 +85,8 @@ TEST(PromiseStress, RegisteringWhileSettlingLosesAndDoublesNothing) {
 TEST(PromiseStress, ConcurrentAdoptionChains) {
   // Links adopt each other from many threads; the tail settling settles them all.
   constexpr int kLinks = 200;
-  std::vector<promise_test::Deferred> links;
-  for (int i = 0; i < kLinks; ++i) links.push_back(promise_test::deferred());
+  std::vector<Deferred> links;
+  for (int i = 0; i < kLinks; ++i) links.push_back(deferred());
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
@@ -103,7 +105,7 @@ TEST(PromiseStress, ConcurrentAdoptionChains) {
 TEST(PromiseStress, ReadersKeepOverwrittenContentAlive) {
   // The slot is read without the lock; content that a second settlement replaces must
   // stay alive for readers that loaded it just before (use after free otherwise).
-  auto d = promise_test::deferred();
+  auto d = deferred();
   constexpr int kWrites = 50000;
   std::atomic<bool> stop{false};
   std::atomic<bool> odd{false};
@@ -122,7 +124,7 @@ TEST(PromiseStress, ReadersKeepOverwrittenContentAlive) {
   EXPECT_FALSE(odd.load());
   EXPECT_TRUE(isEqual(d.promise->value(), Number::withInt(kWrites - 1)));
   // The kept contents are not waiting handlers.
-  auto inner = promise_test::deferred();
+  auto inner = deferred();
   PRMHandlerList none = PRMSetResult(d.promise.get(), inner.promise);
   EXPECT_EQ(none.size(), 0u);
   EXPECT_TRUE(d.promise->pending());

@@ -1,5 +1,5 @@
 // Helpers shared by the promise engine's tests: capturing log lines and unhandled-
-// error reports, and letting the main loop run until a promise settles.
+// error reports, running the main loop, and the errors and numbers most tests build.
 #pragma once
 
 #include <chrono>
@@ -9,10 +9,14 @@
 #include <vector>
 
 #include "nk/dispatch/run_loop.hpp"
+#include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/log.hpp"
+#include "nk/foundation/number.hpp"
 #include "nk/promise/promise.hpp"
 
 namespace nk::promise_test {
+
+using namespace std::chrono_literals;
 
 // Collects the log lines written while it lives.
 class LogCapture {
@@ -76,9 +80,17 @@ inline bool settles(const Ref<PRMPromise>& p) {
   return runMainUntil([&] { return !p->pending(); });
 }
 
-}  // namespace nk::promise_test
+// Lets the main loop run for a while, for work that must not (or need not) happen.
+inline void idle(std::chrono::milliseconds span = std::chrono::milliseconds(30)) {
+  runMainUntil([] { return false; }, span);
+}
 
-namespace nk::promise_test {
+inline constexpr const char* kAlreadyResolved = "Migriornop: Warning: Promise already resolved";
+
+inline Id num(int v) { return Number::withInt(v); }
+inline Ref<Error> failure(long code = 7, Ref<Dictionary> info = nullptr) {
+  return Error::make(NK_STR("TestDomain"), code, info);
+}
 
 // A pending promise with its resolver kept for the test to settle it.
 struct Deferred {

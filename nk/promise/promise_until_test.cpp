@@ -14,16 +14,7 @@
 namespace nk {
 namespace {
 
-using promise_test::runMainUntil;
-using promise_test::settles;
-using promise_test::UnhandledCapture;
-
-Id num(int v) { return Number::withInt(v); }
-Ref<Error> failure(long code) { return Error::make(NK_STR("TestDomain"), code); }
-
-void drainMain() {
-  runMainUntil([] { return false; }, std::chrono::milliseconds(30));
-}
+using namespace promise_test;
 
 // Counts its own destruction, to show that the closures holding it were freed.
 struct Counted {
@@ -69,7 +60,7 @@ TEST(PromiseUntilCatch, Retries) {
     ASSERT_TRUE(settles(p));
     EXPECT_EQ(p->value().get(), empty.get());
   }
-  drainMain();
+  idle();
   EXPECT_TRUE(reports.reports().empty());
 }
 
@@ -113,7 +104,7 @@ TEST(PromiseUntilCatch, RejectsWithTheAttemptsError) {
     ASSERT_TRUE(p->rejected());
     p->catch_([] {});
   }
-  drainMain();
+  idle();
   EXPECT_TRUE(reports.reports().empty());
 }
 
@@ -134,7 +125,7 @@ TEST(PromiseUntilCatch, ReleasesEverythingWhenDone) {
       producerToken.reset();
       handlerToken.reset();
       ASSERT_TRUE(settles(p));
-      drainMain();
+      idle();
       EXPECT_EQ(p->retainCount(), 1u);
     }
     EXPECT_EQ(destroyed.load(), 2);
@@ -148,9 +139,9 @@ TEST(PromiseUntilCatch, ReleasesEverythingWhenDone) {
                              [token](const Ref<Error>& e) { return e; });
       token.reset();
       ASSERT_TRUE(settles(p));
-      drainMain();
+      idle();
       p->catch_([] {});
-      drainMain();
+      idle();
     }
     EXPECT_EQ(destroyed.load(), 1);
   }
@@ -161,7 +152,7 @@ TEST(PromiseUntilCatch, ReleasesEverythingWhenDone) {
       auto p = PRMUntilCatch([token]() -> Id { Exception::raise("Boom", "first"); }, [] {});
       token.reset();
       p->catch_([] {});
-      drainMain();
+      idle();
     }
     EXPECT_EQ(destroyed.load(), 1);
   }

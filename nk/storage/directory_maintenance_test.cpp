@@ -38,6 +38,13 @@ using test::UndeletableFolder;
 using test::writeFile;
 
 namespace fs = std::filesystem;
+using FSH = NKFileSystemHelper;
+
+// Runs what is already queued on the main loop.
+void drainMainLoop() {
+  while (RunLoop::main().runOnce(false)) {
+  }
+}
 
 // What one cache notification carried.
 struct Heard {
@@ -51,9 +58,7 @@ struct Heard {
 class CacheNotifications {
  public:
   CacheNotifications() {
-    // Deliveries left over from earlier tests must not reach this listener.
-    while (RunLoop::main().runOnce(false)) {
-    }
+    drainMainLoop();  // deliveries left over from earlier tests must not reach this listener
     for (String* name : {kUtilsCacheDirectoryWillClearNotification(),
                          kUtilsCacheDirectoryDidClearNotification()}) {
       tokens_.push_back(NotificationCenter::defaultCenter()->addObserver(
@@ -86,7 +91,10 @@ class CacheNotifications {
   std::vector<Id> tokens_;
 };
 
-void expectClearPair(const std::vector<Heard>& heard, const std::string& path, bool success) {
+// Waits for the pair of notices one clearing posts, and checks them.
+void expectClearPair(CacheNotifications& notes, const std::string& path, bool success) {
+  ASSERT_TRUE(notes.waitFor(2));
+  const std::vector<Heard>& heard = notes.heard;
   ASSERT_EQ(heard.size(), 2u);
   EXPECT_EQ(heard[0].name, "CacheDirectoryWillClear");
   EXPECT_EQ(heard[0].path, path);
@@ -95,6 +103,11 @@ void expectClearPair(const std::vector<Heard>& heard, const std::string& path, b
   EXPECT_EQ(heard[1].path, path);
   EXPECT_EQ(heard[1].success, std::optional<bool>(success));
   EXPECT_TRUE(heard[0].onMainThread && heard[1].onMainThread);
+}
+
+bool deleteAll(const std::string& folder, uint64_t maxRetryCount) {
+  return FSH::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(directoryURL(folder).get(),
+                                                                    maxRetryCount);
 }
 
 size_t entryCount(const std::string& folder) {
@@ -110,37 +123,28 @@ void plantTree(const std::string& folder) {
 
 TEST(Creation, Folders) {
   StorageSandbox box;
-  {  // with parents; an existing folder is success; a file in the way is not
-    EXPECT_FALSE(NKFileSystemHelper::createFolderWithFullPath(nullptr));
-    EXPECT_TRUE(
-        NKFileSystemHelper::createFolderWithFullPath(directoryURL(box.dir / "x/y/z").get()));
-    EXPECT_TRUE(isDirectory(box.dir / "x/y/z"));
-    EXPECT_TRUE(NKFileSystemHelper::createFolderWithFullPath(directoryURL(box.dir / "x/y").get()));
-    writeFile(box.dir / "file", "f");
-    EXPECT_FALSE(
-        NKFileSystemHelper::createFolderWithFullPath(directoryURL(box.dir / "file").get()));
-  }
-  {  // createDirectoryIfNeededAtPath: made, found, or blocked by a file
-    EXPECT_TRUE(
-        NKFileSystemHelper::createDirectoryIfNeededAtPath(S("new").get(), S(box.dir.path()).get()));
-    EXPECT_TRUE(isDirectory(box.dir / "new"));
-    EXPECT_TRUE(
-        NKFileSystemHelper::createDirectoryIfNeededAtPath(S("new").get(), S(box.dir.path()).get()));
-    EXPECT_FALSE(NKFileSystemHelper::createDirectoryIfNeededAtPath(S("file").get(),
-                                                                   S(box.dir.path()).get()));
-    EXPECT_FALSE(NKFileSystemHelper::createDirectoryIfNeededAtPath(S("n").get(), nullptr));
-  }
-  {  // the cache subfolders: nothing without the flag
-    EXPECT_TRUE(NKFileSystemHelper::createNorvikCacheDir(false));
-    EXPECT_FALSE(exists(box.cacheFolder() + "/images"));
-    EXPECT_FALSE(exists(box.cacheFolder() + "/download"));
-  }
-  {  // with it, a plain file named "images" counts as done
-    writeFile(box.cacheFolder() + "/images", "not a folder");
-    EXPECT_TRUE(NKFileSystemHelper::createNorvikCacheDir(true));
-    EXPECT_FALSE(isDirectory(box.cacheFolder() + "/images"));
-    EXPECT_TRUE(isDirectory(box.cacheFolder() + "/download"));
-  }
+  // With parents; an existing folder is success; a file in the way is not.
+  EXPECT_FALSE(FSH::createFolderWithFullPath(nullptr));
+  EXPECT_TRUE(FSH::createFolderWithFullPath(directoryURL(box.dir / "x/y/z").get()));
+  EXPECT_TRUE(isDirectory(box.dir / "x/y/z"));
+  EXPECT_TRUE(FSH::createFolderWithFullPath(directoryURL(box.dir / "x/y").get()));
+  writeFile(box.dir / "file", "f");
+  EXPECT_FALSE(FSH::createFolderWithFullPath(directoryURL(box.dir / "file").get()));
+  // createDirectoryIfNeededAtPath: made, found, or blocked by a file.
+  EXPECT_TRUE(FSH::createDirectoryIfNeededAtPath(S("new").get(), S(box.dir.path()).get()));
+  EXPECT_TRUE(isDirectory(box.dir / "new"));
+  EXPECT_TRUE(FSH::createDirectoryIfNeededAtPath(S("new").get(), S(box.dir.path()).get()));
+  EXPECT_FALSE(FSH::createDirectoryIfNeededAtPath(S("file").get(), S(box.dir.path()).get()));
+  EXPECT_FALSE(FSH::createDirectoryIfNeededAtPath(S("n").get(), nullptr));
+  // The cache subfolders: nothing without the flag.
+  EXPECT_TRUE(FSH::createNorvikCacheDir(false));
+  EXPECT_FALSE(exists(box.cacheFolder() + "/images"));
+  EXPECT_FALSE(exists(box.cacheFolder() + "/download"));
+  // With it, a plain file named "images" counts as done.
+  writeFile(box.cacheFolder() + "/images", "not a folder");
+  EXPECT_TRUE(FSH::createNorvikCacheDir(true));
+  EXPECT_FALSE(isDirectory(box.cacheFolder() + "/images"));
+  EXPECT_TRUE(isDirectory(box.cacheFolder() + "/download"));
 }
 
 TEST(CacheClearing, NotificationsOnTheMainQueue) {
@@ -150,44 +154,39 @@ TEST(CacheClearing, NotificationsOnTheMainQueue) {
     CacheNotifications notes;
     plantTree(download);
     writeFile(box.cacheFolder() + "/keep.bin", "k");
-    EXPECT_TRUE(NKFileSystemHelper::clearTempDownloadDir());
+    EXPECT_TRUE(FSH::clearTempDownloadDir());
     EXPECT_TRUE(notes.heard.empty()) << "posted before the clearing returned";
     EXPECT_TRUE(isDirectory(download));
     EXPECT_EQ(entryCount(download), 0u);
     EXPECT_TRUE(exists(box.cacheFolder() + "/keep.bin"));
-    ASSERT_TRUE(notes.waitFor(2));
-    expectClearPair(notes.heard, download, true);
+    expectClearPair(notes, download, true);
   }
-  {  // nil and "" clear the cache itself
-    for (const Ref<String>& sub : {Ref<String>(), S("")}) {
-      CacheNotifications notes;
-      plantTree(box.cacheFolder());
-      EXPECT_TRUE(NKFileSystemHelper::clearCacheDirWithSubdirectory(sub.get()));
-      EXPECT_EQ(entryCount(box.cacheFolder()), 0u);
-      ASSERT_TRUE(notes.waitFor(2));
-      expectClearPair(notes.heard, box.cacheFolder(), true);
-    }
+  // Nil and "" clear the cache itself.
+  for (const Ref<String>& sub : {Ref<String>(), S("")}) {
+    CacheNotifications notes;
+    plantTree(box.cacheFolder());
+    EXPECT_TRUE(FSH::clearCacheDirWithSubdirectory(sub.get()));
+    EXPECT_EQ(entryCount(box.cacheFolder()), 0u);
+    expectClearPair(notes, box.cacheFolder(), true);
   }
   {  // a missing download folder: both notices, success
     CacheNotifications notes;
-    EXPECT_TRUE(NKFileSystemHelper::clearTempDownloadDir());
-    ASSERT_TRUE(notes.waitFor(2));
-    expectClearPair(notes.heard, download, true);
+    EXPECT_TRUE(FSH::clearTempDownloadDir());
+    expectClearPair(notes, download, true);
   }
   {  // cleared from another thread: still delivered on the main thread, in order
     CacheNotifications notes;
     plantTree(download);
     bool result = false;
-    std::thread([&] { result = NKFileSystemHelper::clearTempDownloadDir(); }).join();
+    std::thread([&] { result = FSH::clearTempDownloadDir(); }).join();
     EXPECT_TRUE(result);
-    ASSERT_TRUE(notes.waitFor(2));
-    expectClearPair(notes.heard, download, true);
+    expectClearPair(notes, download, true);
   }
   {  // no cache folder at all: false and nothing posted
     CacheNotifications notes;
     ScopedEnv home("HOME", std::string("relative"));
     ScopedEnv cache("XDG_CACHE_HOME", std::nullopt);
-    EXPECT_FALSE(NKFileSystemHelper::clearNorvikCacheDir());
+    EXPECT_FALSE(FSH::clearNorvikCacheDir());
     EXPECT_FALSE(notes.waitFor(1, 100ms));
   }
 }
@@ -202,44 +201,40 @@ TEST(CacheClearing, UndeletableEntry) {
     writeFile(download + "/b", "b");
     writeFile(download + "/c/d", "d");
     faults.fail(download + "/b");
-    EXPECT_FALSE(NKFileSystemHelper::clearTempDownloadDir());
+    EXPECT_FALSE(FSH::clearTempDownloadDir());
     EXPECT_EQ(faults.attempts(download + "/b"), 1);
     EXPECT_TRUE(exists(download + "/b"));
     EXPECT_FALSE(exists(download + "/a"));
     EXPECT_FALSE(exists(download + "/c"));
-    ASSERT_TRUE(notes.waitFor(2));
-    expectClearPair(notes.heard, download, false);
+    expectClearPair(notes, download, false);
   }
   {  // the same with an entry the file system itself refuses to remove
     CacheNotifications notes;
     writeFile(download + "/x", "x");
     UndeletableFolder locked(download + "/locked");
     if (!locked.available()) GTEST_SKIP() << "cannot make an undeletable entry here";
-    EXPECT_FALSE(NKFileSystemHelper::clearTempDownloadDir());
+    EXPECT_FALSE(FSH::clearTempDownloadDir());
     EXPECT_TRUE(locked.stillThere());
     EXPECT_FALSE(exists(download + "/x"));
-    ASSERT_TRUE(notes.waitFor(2));
-    expectClearPair(notes.heard, download, false);
+    expectClearPair(notes, download, false);
   }
 }
 
 TEST(CacheClearing, LogsToUpload) {
   StorageSandbox box;
   const std::string upload = box.library() + "/LogsToUpload";
-  {  // missing: created, nothing to remove
-    EXPECT_TRUE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
-    EXPECT_TRUE(isDirectory(upload));
-  }
-  {  // entries removed, folder kept
-    plantTree(upload);
-    EXPECT_TRUE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
-    EXPECT_EQ(entryCount(upload), 0u);
-  }
+  // Missing: created, nothing to remove.
+  EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
+  EXPECT_TRUE(isDirectory(upload));
+  // Entries removed, folder kept.
+  plantTree(upload);
+  EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
+  EXPECT_EQ(entryCount(upload), 0u);
   {  // one failing entry: false, the rest removed
     RemovalFaults faults;
     plantTree(upload);
     faults.fail(upload + "/a.bin");
-    EXPECT_FALSE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
+    EXPECT_FALSE(FSH::clearNorvikLogsToUploadDir());
     EXPECT_EQ(faults.attempts(upload + "/a.bin"), 1);
     EXPECT_EQ(entryCount(upload), 1u);
   }
@@ -248,48 +243,38 @@ TEST(CacheClearing, LogsToUpload) {
 TEST(DeleteAllFiles, RetryArithmetic) {
   StorageSandbox box;
   const std::string folder = box.dir / "work";
-  auto url = directoryURL(folder);
-  auto run = [&](uint64_t maxRetryCount) {
-    return NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(url.get(),
-                                                                                     maxRetryCount);
-  };
-  {  // everything goes, hidden entries and subfolders included; the folder stays
-    plantTree(folder);
-    EXPECT_TRUE(run(3));
-    EXPECT_TRUE(isDirectory(folder));
-    EXPECT_EQ(entryCount(folder), 0u);
-    EXPECT_TRUE(run(3)) << "an empty folder";
-  }
+  // Everything goes, hidden entries and subfolders included; the folder stays.
+  plantTree(folder);
+  EXPECT_TRUE(deleteAll(folder, 3));
+  EXPECT_TRUE(isDirectory(folder));
+  EXPECT_EQ(entryCount(folder), 0u);
+  EXPECT_TRUE(deleteAll(folder, 3)) << "an empty folder";
   {  // first attempt fails, second succeeds: three attempts in all, still a failure
     RemovalFaults faults;
     plantTree(folder);
     faults.fail(folder + "/a.bin", 1);
-    EXPECT_FALSE(run(3));
+    EXPECT_FALSE(deleteAll(folder, 3));
     EXPECT_EQ(faults.attempts(folder + "/a.bin"), 3);
     EXPECT_EQ(entryCount(folder), 0u);
   }
-  {  // 0 and 1 mean one attempt; N attempts for a permanent failure; later entries go
-    for (uint64_t n : {0u, 1u, 5u}) {
-      RemovalFaults faults;
-      plantTree(folder);
-      faults.fail(folder + "/.hidden");
-      EXPECT_FALSE(run(n));
-      EXPECT_EQ(faults.attempts(folder + "/.hidden"), n < 2 ? 1 : static_cast<int>(n)) << n;
-      EXPECT_FALSE(exists(folder + "/a.bin")) << n;
-      EXPECT_FALSE(exists(folder + "/nested")) << n;
-      fs::remove_all(folder);
-    }
+  // 0 and 1 mean one attempt; N attempts for a permanent failure; later entries go.
+  for (uint64_t n : {0u, 1u, 5u}) {
+    RemovalFaults faults;
+    plantTree(folder);
+    faults.fail(folder + "/.hidden");
+    EXPECT_FALSE(deleteAll(folder, n));
+    EXPECT_EQ(faults.attempts(folder + "/.hidden"), n < 2 ? 1 : static_cast<int>(n)) << n;
+    EXPECT_FALSE(exists(folder + "/a.bin")) << n;
+    EXPECT_FALSE(exists(folder + "/nested")) << n;
+    fs::remove_all(folder);
   }
   {  // not a folder, missing, nil: false; the listing error is logged
     std::vector<std::string> lines;
     LogSink previous = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
     writeFile(box.dir / "plain", "p");
-    EXPECT_FALSE(NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(
-        directoryURL(box.dir / "plain").get(), 2));
-    EXPECT_FALSE(NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(
-        directoryURL(box.dir / "missing").get(), 2));
-    EXPECT_FALSE(
-        NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(nullptr, 2));
+    EXPECT_FALSE(deleteAll(box.dir / "plain", 2));
+    EXPECT_FALSE(deleteAll(box.dir / "missing", 2));
+    EXPECT_FALSE(FSH::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(nullptr, 2));
     setLogSink(previous);
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_NE(lines[0].find("Error Domain=NSCocoaErrorDomain"), std::string::npos) << lines[0];
@@ -305,7 +290,7 @@ TEST(TempDirSweep, SharedAttemptBudget) {
     for (const char* name : {"a", "b", "c"}) writeFile(temp + "/" + name, name);
     faults.fail(temp + "/a");
     faults.fail(temp + "/b");
-    NKFileSystemHelper::deleteTempDir();
+    FSH::deleteTempDir();
     EXPECT_EQ(faults.attempts(temp + "/a"), 5);
     EXPECT_EQ(faults.attempts(temp + "/b"), 1);
     EXPECT_EQ(faults.attempts(temp + "/c"), 1);
@@ -316,7 +301,7 @@ TEST(TempDirSweep, SharedAttemptBudget) {
     for (const char* name : {"a", "b"}) writeFile(temp + "/" + name, name);
     faults.fail(temp + "/a", 2);
     faults.fail(temp + "/b");
-    NKFileSystemHelper::deleteTempDir();
+    FSH::deleteTempDir();
     EXPECT_EQ(faults.attempts(temp + "/a"), 3);
     EXPECT_FALSE(exists(temp + "/a"));
     EXPECT_EQ(faults.attempts(temp + "/b"), 3);
@@ -326,22 +311,21 @@ TEST(TempDirSweep, SharedAttemptBudget) {
     RemovalFaults faults;
     plantTree(temp);
     faults.fail(temp + "/a.bin", 1 << 30, /*raise=*/true);
-    NKFileSystemHelper::deleteTempDir();
+    FSH::deleteTempDir();
     EXPECT_EQ(faults.attempts(temp + "/a.bin"), 5);
     EXPECT_EQ(entryCount(temp), 1u);
     fs::remove(temp + "/a.bin");
   }
-  {  // other C++ exceptions pass through
-    setRemovalFaultHookForTesting([](const std::string&) -> int { throw std::runtime_error("x"); });
-    writeFile(temp + "/a", "a");
-    EXPECT_THROW(NKFileSystemHelper::deleteTempDir(), std::runtime_error);
-    setRemovalFaultHookForTesting(nullptr);
-  }
+  // Other C++ exceptions pass through.
+  setRemovalFaultHookForTesting([](const std::string&) -> int { throw std::runtime_error("x"); });
+  writeFile(temp + "/a", "a");
+  EXPECT_THROW(FSH::deleteTempDir(), std::runtime_error);
+  setRemovalFaultHookForTesting(nullptr);
   {  // a real undeletable entry does not stop the others
     writeFile(temp + "/z", "z");
     UndeletableFolder locked(temp + "/locked");
     if (!locked.available()) GTEST_SKIP() << "cannot make an undeletable entry here";
-    NKFileSystemHelper::deleteTempDir();
+    FSH::deleteTempDir();
     EXPECT_TRUE(locked.stillThere());
     EXPECT_FALSE(exists(temp + "/z"));
   }
@@ -367,55 +351,49 @@ TEST(Safety, LinksAreRemovedNeverFollowed) {
            !exists(folder + "/sub");
   };
   const std::string download = box.cacheFolder() + "/download";
-  {  // clearing a subfolder and the whole cache
-    plantLinks(download);
-    EXPECT_TRUE(NKFileSystemHelper::clearTempDownloadDir());
-    EXPECT_TRUE(linksGone(download));
-    EXPECT_TRUE(outsideIntact());
-    plantLinks(box.cacheFolder());
-    EXPECT_TRUE(NKFileSystemHelper::clearNorvikCacheDir());
-    EXPECT_TRUE(linksGone(box.cacheFolder()));
-    EXPECT_TRUE(outsideIntact());
-  }
+  // Clearing a subfolder and the whole cache.
+  plantLinks(download);
+  EXPECT_TRUE(FSH::clearTempDownloadDir());
+  EXPECT_TRUE(linksGone(download));
+  EXPECT_TRUE(outsideIntact());
+  plantLinks(box.cacheFolder());
+  EXPECT_TRUE(FSH::clearNorvikCacheDir());
+  EXPECT_TRUE(linksGone(box.cacheFolder()));
+  EXPECT_TRUE(outsideIntact());
   {  // the sweep
     plantLinks(box.cacheFolder());
-    NKFileSystemHelper::deleteTempDir();
+    FSH::deleteTempDir();
     EXPECT_TRUE(linksGone(box.cacheFolder()));
     EXPECT_TRUE(outsideIntact());
   }
-  {  // deletion with retries and the upload folder
-    plantLinks(box.dir / "work");
-    EXPECT_TRUE(NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(
-        directoryURL(box.dir / "work").get(), 3));
-    EXPECT_TRUE(linksGone(box.dir / "work"));
-    plantLinks(box.library() + "/LogsToUpload");
-    EXPECT_TRUE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
-    EXPECT_TRUE(linksGone(box.library() + "/LogsToUpload"));
-    EXPECT_TRUE(outsideIntact());
-  }
-  {  // a link in place of the download or upload folder leads nowhere
-    fs::create_directories(box.cacheFolder());
-    fs::create_directory_symlink(outside, download);
-    EXPECT_TRUE(NKFileSystemHelper::clearTempDownloadDir());
-    fs::remove_all(box.library() + "/LogsToUpload");
-    fs::create_directory_symlink(outside, box.library() + "/LogsToUpload");
-    EXPECT_TRUE(NKFileSystemHelper::clearNorvikLogsToUploadDir());
-    EXPECT_TRUE(outsideIntact());
-  }
+  // Deletion with retries and the upload folder.
+  plantLinks(box.dir / "work");
+  EXPECT_TRUE(deleteAll(box.dir / "work", 3));
+  EXPECT_TRUE(linksGone(box.dir / "work"));
+  plantLinks(box.library() + "/LogsToUpload");
+  EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
+  EXPECT_TRUE(linksGone(box.library() + "/LogsToUpload"));
+  EXPECT_TRUE(outsideIntact());
+  // A link in place of the download or upload folder leads nowhere.
+  fs::create_directories(box.cacheFolder());
+  fs::create_directory_symlink(outside, download);
+  EXPECT_TRUE(FSH::clearTempDownloadDir());
+  fs::remove_all(box.library() + "/LogsToUpload");
+  fs::create_directory_symlink(outside, box.library() + "/LogsToUpload");
+  EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
+  EXPECT_TRUE(outsideIntact());
   {  // a "subfolder" that climbs out of the cache is refused, and nothing is removed
     fs::remove(download);
     const std::string sibling = box.cacheFolder() + "/../sibling";
     plantTree(sibling);
     plantTree(box.cacheFolder() + "/kept");
     for (const char* name : {"..", "../sibling", "kept/../..", "/", ".", "a//b"}) {
-      EXPECT_FALSE(NKFileSystemHelper::clearCacheDirWithSubdirectory(String::fromUTF8(name).get()))
-          << name;
+      EXPECT_FALSE(FSH::clearCacheDirWithSubdirectory(String::fromUTF8(name).get())) << name;
     }
     EXPECT_TRUE(exists(sibling + "/a.bin"));
     EXPECT_TRUE(exists(box.cacheFolder() + "/kept/a.bin"));
   }
-  while (RunLoop::main().runOnce(false)) {
-  }
+  drainMainLoop();
 }
 
 TEST(Safety, TemporaryFolderIsPrivate) {
@@ -423,17 +401,16 @@ TEST(Safety, TemporaryFolderIsPrivate) {
   // TMPDIR and XDG_CACHE_HOME both point at test folders; only the latter may be touched.
   writeFile(box.dir / "tmp/shared.bin", "s");
   writeFile(box.dir / "cache/other-app/file", "o");
-  EXPECT_EQ(NKFileSystemHelper::getNorvikCacheDir()->path()->utf8(), box.cacheFolder());
+  EXPECT_EQ(FSH::getNorvikCacheDir()->path()->utf8(), box.cacheFolder());
   plantTree(box.cacheFolder());
-  EXPECT_TRUE(NKFileSystemHelper::clearNorvikCacheDir());
+  EXPECT_TRUE(FSH::clearNorvikCacheDir());
   plantTree(box.cacheFolder());
-  NKFileSystemHelper::deleteTempDir();
+  FSH::deleteTempDir();
   EXPECT_EQ(entryCount(box.cacheFolder()), 0u);
   EXPECT_TRUE(exists(box.dir / "tmp/shared.bin"));
   EXPECT_TRUE(exists(box.dir / "cache/other-app/file"));
   EXPECT_EQ(fs::status(box.cacheFolder()).permissions() & fs::perms::all, fs::perms::owner_all);
-  while (RunLoop::main().runOnce(false)) {
-  }
+  drainMainLoop();
 }
 
 TEST(BackupMark, ReadBack) {
@@ -451,24 +428,23 @@ TEST(BackupMark, ReadBack) {
   auto url = URL::fileURLWithPath(file, false);
   {  // each setter marks an existing file
     EXPECT_FALSE(marked(url.get()));
-    EXPECT_TRUE(NKFileSystemHelper::setFilePropertiesForCDPersistentStoreWithPath(url.get()));
+    EXPECT_TRUE(FSH::setFilePropertiesForCDPersistentStoreWithPath(url.get()));
     EXPECT_TRUE(marked(url.get()));
     auto other = URL::fileURLWithPath(box.dir / "download.bin", false);
     writeFile(box.dir / "download.bin", "d");
-    EXPECT_TRUE(NKFileSystemHelper::setFilePropertiesAfterSuccessfulDownloadWithPath(other.get()));
+    EXPECT_TRUE(FSH::setFilePropertiesAfterSuccessfulDownloadWithPath(other.get()));
     EXPECT_TRUE(marked(other.get()));
     auto folder = directoryURL(box.dir / "tmp");
-    EXPECT_TRUE(NKFileSystemHelper::setSkipBackupAttribOfFileWithURL(folder.get()));
+    EXPECT_TRUE(FSH::setSkipBackupAttribOfFileWithURL(folder.get()));
     EXPECT_TRUE(marked(folder.get()));
   }
   {  // a missing file: false, and nothing is created
     auto missing = URL::fileURLWithPath(box.dir / "missing.bin", false);
-    EXPECT_FALSE(
-        NKFileSystemHelper::setFilePropertiesAfterSuccessfulDownloadWithPath(missing.get()));
-    EXPECT_FALSE(NKFileSystemHelper::setFilePropertiesForCDPersistentStoreWithPath(missing.get()));
-    EXPECT_FALSE(NKFileSystemHelper::setSkipBackupAttribOfFileWithURL(missing.get()));
+    EXPECT_FALSE(FSH::setFilePropertiesAfterSuccessfulDownloadWithPath(missing.get()));
+    EXPECT_FALSE(FSH::setFilePropertiesForCDPersistentStoreWithPath(missing.get()));
+    EXPECT_FALSE(FSH::setSkipBackupAttribOfFileWithURL(missing.get()));
     EXPECT_FALSE(exists(box.dir / "missing.bin"));
-    EXPECT_FALSE(NKFileSystemHelper::setFilePropertiesAfterSuccessfulDownloadWithPath(nullptr));
+    EXPECT_FALSE(FSH::setFilePropertiesAfterSuccessfulDownloadWithPath(nullptr));
   }
 }
 
@@ -489,8 +465,8 @@ TEST(Enumerate, PureWalkThatEnds) {
     return items;
   };
   const auto before = snapshot();
-  NKFileSystemHelper::enumerate(directoryURL(root).get());
-  NKFileSystemHelper::enumerate(nullptr);
+  FSH::enumerate(directoryURL(root).get());
+  FSH::enumerate(nullptr);
   EXPECT_EQ(snapshot(), before);
 }
 

@@ -48,8 +48,8 @@ TEST(NKLocalPropertyManager, WithoutAList) {
 
 TEST(NKLocalPropertyManager, ValuesOfEveryShape) {
   StorageSandbox box;
-  writeFile(overrideFile(box), xmlList(kOverrides));
-  {  // scalars, as they are
+  // Scalars as they are, containers whole.
+  auto expectEveryValue = [] {
     auto files = cast<String>(lookup("Files"));
     ASSERT_TRUE(files);
     EXPECT_EQ(files->utf8(), "https://files.example/v2");
@@ -57,32 +57,24 @@ TEST(NKLocalPropertyManager, ValuesOfEveryShape) {
     ASSERT_TRUE(limit);
     EXPECT_EQ(limit->longValue(), 42);
     EXPECT_TRUE(isEqual(lookup("Enabled").get(), Number::yes()));
-  }
-  {  // containers returned whole
-    auto nested = cast<Dictionary>(lookup("Nested"));
-    ASSERT_TRUE(nested);
-    auto inner = cast<Array>(nested->objectForKey(S("a")));
-    ASSERT_TRUE(inner);
-    EXPECT_EQ(inner->count(), 2u);
-    auto list = cast<Array>(lookup("List"));
-    ASSERT_TRUE(list);
-    EXPECT_EQ(list->count(), 2u);
-  }
-  {  // missing keys and arguments
-    EXPECT_FALSE(lookup("Absent"));
-    EXPECT_FALSE(NKLocalPropertyManager::apiOverrideForType(nullptr));
-    EXPECT_FALSE(NKLocalPropertyManager::valueForTypeList(S("Files").get(), nullptr));
-  }
-  {  // the binary form reads the same
-    const std::string xml = xmlList(kOverrides);
-    Id root = readPropertyList(
-        std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(xml.data()), xml.size()));
-    auto binary = writePropertyList(root.get(), PropertyListFormat::kBinary);
-    ASSERT_TRUE(binary);
-    writeFile(overrideFile(box), std::string(binary->begin(), binary->end()));
-    EXPECT_TRUE(isEqual(lookup("Nested"), cast<Dictionary>(root)->objectForKey(S("Nested"))));
-    EXPECT_EQ(cast<String>(lookup("Files"))->utf8(), "https://files.example/v2");
-  }
+    EXPECT_TRUE(isEqual(lookup("Nested"),
+                        Dictionary::make({{S("a"), Array::make({S("x"), Number::withInt(1)})}})));
+    EXPECT_TRUE(isEqual(lookup("List"), Array::make({S("p"), S("q")})));
+  };
+  const std::string xml = xmlList(kOverrides);
+  writeFile(overrideFile(box), xml);
+  expectEveryValue();
+  // Missing keys and arguments.
+  EXPECT_FALSE(lookup("Absent"));
+  EXPECT_FALSE(NKLocalPropertyManager::apiOverrideForType(nullptr));
+  EXPECT_FALSE(NKLocalPropertyManager::valueForTypeList(S("Files").get(), nullptr));
+  // The binary form reads the same.
+  Id root = readPropertyList(
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(xml.data()), xml.size()));
+  auto binary = writePropertyList(root.get(), PropertyListFormat::kBinary);
+  ASSERT_TRUE(binary);
+  writeFile(overrideFile(box), std::string(binary->begin(), binary->end()));
+  expectEveryValue();
 }
 
 TEST(NKLocalPropertyManager, OtherListsAndShapes) {
@@ -94,21 +86,19 @@ TEST(NKLocalPropertyManager, OtherListsAndShapes) {
     EXPECT_TRUE(isEqual(value.get(), S("v").get()));
     EXPECT_FALSE(lookup("T"));
   }
-  {  // a top-level array, a scalar, malformed bytes: nil for every lookup
-    for (const std::string& body :
-         {xmlList("<array><string>Files</string></array>"), xmlList("<string>Files</string>"),
-          std::string("<?xml version=\"1.0\"?><plist><dict><key>Files</key>"),
-          std::string("bplist00\x01\x02")}) {
-      writeFile(overrideFile(box), body);
-      EXPECT_FALSE(lookup("Files")) << body;
-    }
+  // A top-level array, a scalar, malformed bytes: nil for every lookup.
+  for (const std::string& body :
+       {xmlList("<array><string>Files</string></array>"), xmlList("<string>Files</string>"),
+        std::string("<?xml version=\"1.0\"?><plist><dict><key>Files</key>"),
+        std::string("bplist00\x01\x02")}) {
+    writeFile(overrideFile(box), body);
+    EXPECT_FALSE(lookup("Files")) << body;
   }
-  {  // read afresh: a changed file takes effect on the next lookup
-    writeFile(overrideFile(box), xmlList("<dict><key>Files</key><string>one</string></dict>"));
-    EXPECT_EQ(cast<String>(lookup("Files"))->utf8(), "one");
-    writeFile(overrideFile(box), xmlList("<dict><key>Files</key><string>two</string></dict>"));
-    EXPECT_EQ(cast<String>(lookup("Files"))->utf8(), "two");
-  }
+  // Read afresh: a changed file takes effect on the next lookup.
+  writeFile(overrideFile(box), xmlList("<dict><key>Files</key><string>one</string></dict>"));
+  EXPECT_EQ(cast<String>(lookup("Files"))->utf8(), "one");
+  writeFile(overrideFile(box), xmlList("<dict><key>Files</key><string>two</string></dict>"));
+  EXPECT_EQ(cast<String>(lookup("Files"))->utf8(), "two");
 }
 
 }  // namespace
