@@ -66,18 +66,14 @@ TEST(URLEquality, FileURLsByPath) {
 }
 
 TEST(URLPort, SchemeDefaults) {
-  auto port = [](std::string_view text) {
-    return vnk_portWithHTTPSchemeDefaults(U(text).get())->longValue();
-  };
-  EXPECT_EQ(port("HTTPS://h/"), 443);
-  EXPECT_EQ(port("http://h/"), 80);
-  EXPECT_EQ(port("Ftp://h/"), 21);
-  EXPECT_EQ(port("sftp://h/"), 0);
-  EXPECT_EQ(port("http://h:8080/"), 8080);
-  EXPECT_EQ(port("https://h:80/"), 80);
-  EXPECT_EQ(port("http://h:/"), 80);  // an empty port is no port
-  EXPECT_EQ(port("//h/"), 0);
-  EXPECT_EQ(port("http://[2001:db8::1]/"), 80);
+  // "http://h:/": an empty port is no port
+  const std::pair<const char*, long> rows[] = {
+      {"HTTPS://h/", 443},          {"http://h/", 80},     {"Ftp://h/", 21},   {"sftp://h/", 0},
+      {"http://h:8080/", 8080},     {"https://h:80/", 80}, {"http://h:/", 80}, {"//h/", 0},
+      {"http://[2001:db8::1]/", 80}};
+  for (const auto& [text, port] : rows) {
+    EXPECT_EQ(vnk_portWithHTTPSchemeDefaults(U(text).get())->longValue(), port) << text;
+  }
   EXPECT_EQ(vnk_portWithHTTPSchemeDefaults(nullptr), nullptr);
 }
 

@@ -3,13 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <limits>
-#include <optional>
 #include <string>
+
+#include "nk/system/test_support_internal.hpp"
 
 namespace nk {
 namespace {
+
+constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 
 std::string text(int64_t count, ByteCountStyle style, const char* locale = "en_US") {
   Ref<Locale> l = Locale::withIdentifier(locale);
@@ -17,92 +20,72 @@ std::string text(int64_t count, ByteCountStyle style, const char* locale = "en_U
   return s ? s->utf8() : "(nil)";
 }
 
-TEST(ByteCountFormatter, FileStyleCountsInThousands) {
-  // zero and plain bytes
-  {
-    EXPECT_EQ(text(0, ByteCountStyle::kFile), "Zero KB");
-    EXPECT_EQ(text(1, ByteCountStyle::kFile), "1 byte");
-    EXPECT_EQ(text(2, ByteCountStyle::kFile), "2 bytes");
-    EXPECT_EQ(text(999, ByteCountStyle::kFile), "999 bytes");
-  }
-  // kilobytes without fraction, rounded half up
-  {
-    EXPECT_EQ(text(1000, ByteCountStyle::kFile), "1 KB");
-    EXPECT_EQ(text(1499, ByteCountStyle::kFile), "1 KB");
-    EXPECT_EQ(text(1500, ByteCountStyle::kFile), "2 KB");
-    EXPECT_EQ(text(999'499, ByteCountStyle::kFile), "999 KB");
-  }
-  // rounding up into the next unit moves to that unit
-  {
-    EXPECT_EQ(text(999'500, ByteCountStyle::kFile), "1 MB");
-    EXPECT_EQ(text(999'999'999, ByteCountStyle::kFile), "1 GB");
-  }
-  // megabytes with one digit, larger units with two, no trailing zeros
-  {
-    EXPECT_EQ(text(1'000'000, ByteCountStyle::kFile), "1 MB");
-    EXPECT_EQ(text(1'500'000, ByteCountStyle::kFile), "1.5 MB");
-    EXPECT_EQ(text(1'549'999, ByteCountStyle::kFile), "1.5 MB");
-    EXPECT_EQ(text(1'020'000'000, ByteCountStyle::kFile), "1.02 GB");
-    EXPECT_EQ(text(1'100'000'000, ByteCountStyle::kFile), "1.1 GB");
-    EXPECT_EQ(text(2'345'000'000'000, ByteCountStyle::kFile), "2.35 TB");
-    EXPECT_EQ(text(1'000'000'000'000'000, ByteCountStyle::kFile), "1 PB");
-  }
-  // the largest count and negative counts
-  {
-    EXPECT_EQ(text(std::numeric_limits<int64_t>::max(), ByteCountStyle::kFile), "9.22 EB");
-    EXPECT_EQ(text(-1000, ByteCountStyle::kFile), "-1 KB");
-    EXPECT_EQ(text(-1, ByteCountStyle::kFile), "-1 byte");
-    EXPECT_EQ(text(std::numeric_limits<int64_t>::min(), ByteCountStyle::kFile), "-9.22 EB");
-  }
-}
+struct Row {
+  int64_t count;
+  ByteCountStyle style;
+  const char* locale;
+  const char* expected;
+};
 
-TEST(ByteCountFormatter, BinaryStyleCountsIn1024s) {
-  // bytes up to 1023, grouped
-  {
-    EXPECT_EQ(text(1000, ByteCountStyle::kBinary), "1,000 bytes");
-    EXPECT_EQ(text(1023, ByteCountStyle::kBinary), "1,023 bytes");
-  }
-  // the same unit names as the file style
-  {
-    EXPECT_EQ(text(1024, ByteCountStyle::kBinary), "1 KB");
-    EXPECT_EQ(text(1536 * 1024, ByteCountStyle::kBinary), "1.5 MB");
-    EXPECT_EQ(text(int64_t{1} << 30, ByteCountStyle::kBinary), "1 GB");
-    EXPECT_EQ(text(std::numeric_limits<int64_t>::max(), ByteCountStyle::kBinary), "8 EB");
+TEST(ByteCountFormatter, Texts) {
+  using enum ByteCountStyle;
+  const Row rows[] = {
+      // file style: thousands; zero and plain bytes
+      {0, kFile, "en_US", "Zero KB"},
+      {1, kFile, "en_US", "1 byte"},
+      {2, kFile, "en_US", "2 bytes"},
+      {999, kFile, "en_US", "999 bytes"},
+      // kilobytes without fraction, rounded half up, into the next unit when it rounds up
+      {1000, kFile, "en_US", "1 KB"},
+      {1499, kFile, "en_US", "1 KB"},
+      {1500, kFile, "en_US", "2 KB"},
+      {999'499, kFile, "en_US", "999 KB"},
+      {999'500, kFile, "en_US", "1 MB"},
+      {999'999'999, kFile, "en_US", "1 GB"},
+      // megabytes with one digit, larger units with two, no trailing zeros
+      {1'000'000, kFile, "en_US", "1 MB"},
+      {1'500'000, kFile, "en_US", "1.5 MB"},
+      {1'549'999, kFile, "en_US", "1.5 MB"},
+      {1'020'000'000, kFile, "en_US", "1.02 GB"},
+      {1'100'000'000, kFile, "en_US", "1.1 GB"},
+      {2'345'000'000'000, kFile, "en_US", "2.35 TB"},
+      {1'000'000'000'000'000, kFile, "en_US", "1 PB"},
+      // the extremes and negative counts
+      {kMax, kFile, "en_US", "9.22 EB"},
+      {-1000, kFile, "en_US", "-1 KB"},
+      {-1, kFile, "en_US", "-1 byte"},
+      {kMin, kFile, "en_US", "-9.22 EB"},
+      // binary style: 1024s, bytes up to 1023 grouped, the same unit names
+      {1000, kBinary, "en_US", "1,000 bytes"},
+      {1023, kBinary, "en_US", "1,023 bytes"},
+      {1024, kBinary, "en_US", "1 KB"},
+      {1536 * 1024, kBinary, "en_US", "1.5 MB"},
+      {int64_t{1} << 30, kBinary, "en_US", "1 GB"},
+      {kMax, kBinary, "en_US", "8 EB"},
+      // other languages: ICU's unit names and separators (French spaces are narrow)
+      {1'500'000, kFile, "fr_FR", "1,5\u202FMo"},
+      {2'500'000'000, kFile, "de_DE", "2,5\u00A0GB"},
+      // English texts in every English region; grouping follows the region
+      {0, kFile, "en_GB", "Zero KB"},
+      {1023, kBinary, "en_IN", "1,023 bytes"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message()
+                 << r.count << " " << static_cast<int>(r.style) << " " << r.locale);
+    EXPECT_EQ(text(r.count, r.style, r.locale), r.expected);
   }
   // memory style is binary, decimal style is the file style
-  {
-    EXPECT_EQ(text(1024, ByteCountStyle::kMemory), text(1024, ByteCountStyle::kBinary));
-    EXPECT_EQ(text(1'500'000, ByteCountStyle::kDecimal), text(1'500'000, ByteCountStyle::kFile));
-    EXPECT_NE(text(1'500'000, ByteCountStyle::kMemory), text(1'500'000, ByteCountStyle::kFile));
-  }
+  EXPECT_EQ(text(1024, kMemory), text(1024, kBinary));
+  EXPECT_EQ(text(1'500'000, kDecimal), text(1'500'000, kFile));
+  EXPECT_NE(text(1'500'000, kMemory), text(1'500'000, kFile));
 }
 
-TEST(ByteCountFormatter, Localized) {
-  // other languages: ICU's unit names and separators (French spaces are narrow)
-  {
-    EXPECT_EQ(text(1'500'000, ByteCountStyle::kFile, "fr_FR"), "1,5\u202FMo");
-    EXPECT_EQ(text(2'500'000'000, ByteCountStyle::kFile, "de_DE"), "2,5\u00A0GB");
-  }
-  // English texts in every English region; grouping follows the region
-  {
-    EXPECT_EQ(text(0, ByteCountStyle::kFile, "en_GB"), "Zero KB");
-    EXPECT_EQ(text(1023, ByteCountStyle::kBinary, "en_IN"), "1,023 bytes");
-  }
-  // without an explicit locale the environment decides
-  {
-    const char* old = std::getenv("LC_ALL");
-    const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
-    setenv("LC_ALL", "en_US.UTF-8", 1);
-    EXPECT_EQ(ByteCountFormatter::stringFromByteCount(1000, ByteCountStyle::kFile)->utf8(), "1 KB");
-    setenv("LC_ALL", "fr_FR.UTF-8", 1);
-    EXPECT_EQ(ByteCountFormatter::stringFromByteCount(1000, ByteCountStyle::kFile)->utf8(),
-              "1\u202Fko");
-    if (saved) {
-      setenv("LC_ALL", saved->c_str(), 1);
-    } else {
-      unsetenv("LC_ALL");
-    }
-  }
+TEST(ByteCountFormatter, EnvironmentLocaleWithoutAnExplicitOne) {
+  test::ScopedEnv all("LC_ALL", std::string("en_US.UTF-8"));
+  EXPECT_EQ(ByteCountFormatter::stringFromByteCount(1000, ByteCountStyle::kFile)->utf8(), "1 KB");
+  test::ScopedEnv french("LC_ALL", std::string("fr_FR.UTF-8"));
+  EXPECT_EQ(ByteCountFormatter::stringFromByteCount(1000, ByteCountStyle::kFile)->utf8(),
+            "1\u202Fko");
 }
 
 }  // namespace

@@ -9,7 +9,13 @@
 namespace nk {
 namespace {
 
-// 2001-01-01 00:00:00 UTC
+constexpr double kDay = 86400;
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+// 2021-03-27 12:00:00 Paris (11:00 UTC), the day before the spring clock change
+constexpr double kBeforeParisSpring = 1616842800.0 - kTimeIntervalSince1970;
+
+// `reference` counts from 2001-01-01 00:00:00 UTC.
 std::string text(double seconds, const char* zone = "UTC", const char* locale = "en_US",
                  double reference = 0) {
   Ref<Locale> l = Locale::withIdentifier(locale);
@@ -18,70 +24,55 @@ std::string text(double seconds, const char* zone = "UTC", const char* locale = 
   return s ? s->utf8() : "(nil)";
 }
 
-constexpr double kDay = 86400;
-
-TEST(DurationFormatter, SpelledOutUnits) {
-  // single units, singular and plural
-  {
-    EXPECT_EQ(text(0), "0 seconds");
-    EXPECT_EQ(text(1), "1 second");
-    EXPECT_EQ(text(120), "2 minutes");
-    EXPECT_EQ(text(3600), "1 hour");
-  }
-  // several units joined, zero units left out
-  {
-    EXPECT_EQ(text(3900), "1 hour, 5 minutes");
-    EXPECT_EQ(text(3661), "1 hour, 1 minute, 1 second");
-    EXPECT_EQ(text(3601), "1 hour, 1 second");
-  }
-  // weeks, months and years by the calendar from the reference date
-  {
-    EXPECT_EQ(text(8 * kDay + 1), "1 week, 1 day, 1 second");
-    EXPECT_EQ(text(31 * kDay), "1 month");
-    EXPECT_EQ(text(365 * kDay), "1 year");
-    EXPECT_EQ(text(365 * kDay + 31 * kDay + 7 * kDay), "1 year, 1 month, 1 week");
-  }
-  // fractions dropped; sign on the first unit
-  {
-    EXPECT_EQ(text(59.9), "59 seconds");
-    EXPECT_EQ(text(-3900), "-1 hour, 5 minutes");
-  }
-}
-
-TEST(DurationFormatter, CalendarAndZone) {
-  // a February month is 28 days long from 2001-02-01
-  {
-    const double feb1 = 31 * kDay;
-    EXPECT_EQ(text(28 * kDay, "UTC", "en_US", feb1), "1 month");
-    EXPECT_EQ(text(28 * kDay, "UTC", "en_US", 0), "4 weeks");
-  }
-  // across the spring clock change in Paris, 24 hours are a day and an hour
-  {
-    // 2021-03-27 12:00:00 Paris (11:00 UTC)
-    const double before = 1616842800.0 - kTimeIntervalSince1970;
-    EXPECT_EQ(text(kDay, "Europe/Paris", "en_US", before), "1 day, 1 hour");
-    EXPECT_EQ(text(kDay, "UTC", "en_US", before), "1 day");
-  }
-  // other languages use their own list pattern
-  {
-    EXPECT_EQ(text(3900, "UTC", "fr_FR"), "1\u00A0heure et 5 minutes");
-    EXPECT_EQ(text(3661, "UTC", "de_DE"), "1 Stunde, 1 Minute und 1 Sekunde");
+TEST(DurationFormatter, Texts) {
+  struct Row {
+    double seconds;
+    const char* zone;
+    const char* locale;
+    double reference;
+    const char* expected;
+  } rows[] = {
+      // single units, singular and plural
+      {0, "UTC", "en_US", 0, "0 seconds"},
+      {1, "UTC", "en_US", 0, "1 second"},
+      {120, "UTC", "en_US", 0, "2 minutes"},
+      {3600, "UTC", "en_US", 0, "1 hour"},
+      // several units joined, zero units left out
+      {3900, "UTC", "en_US", 0, "1 hour, 5 minutes"},
+      {3661, "UTC", "en_US", 0, "1 hour, 1 minute, 1 second"},
+      {3601, "UTC", "en_US", 0, "1 hour, 1 second"},
+      // weeks, months and years by the calendar from the reference date
+      {8 * kDay + 1, "UTC", "en_US", 0, "1 week, 1 day, 1 second"},
+      {31 * kDay, "UTC", "en_US", 0, "1 month"},
+      {365 * kDay, "UTC", "en_US", 0, "1 year"},
+      {403 * kDay, "UTC", "en_US", 0, "1 year, 1 month, 1 week"},
+      // fractions dropped; sign on the first unit
+      {59.9, "UTC", "en_US", 0, "59 seconds"},
+      {-3900, "UTC", "en_US", 0, "-1 hour, 5 minutes"},
+      // a February month is 28 days long from 2001-02-01
+      {28 * kDay, "UTC", "en_US", 31 * kDay, "1 month"},
+      {28 * kDay, "UTC", "en_US", 0, "4 weeks"},
+      // across the spring clock change in Paris, 24 hours are a day and an hour
+      {kDay, "Europe/Paris", "en_US", kBeforeParisSpring, "1 day, 1 hour"},
+      {kDay, "UTC", "en_US", kBeforeParisSpring, "1 day"},
+      // other languages use their own list pattern
+      {3900, "UTC", "fr_FR", 0, "1\u00A0heure et 5 minutes"},
+      {3661, "UTC", "de_DE", 0, "1 Stunde, 1 Minute und 1 Sekunde"},
+      // not a number, infinite, beyond the supported range
+      {kNaN, "UTC", "en_US", 0, "(nil)"},
+      {kInfinity, "UTC", "en_US", 0, "(nil)"},
+      {1e13, "UTC", "en_US", 0, "(nil)"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.seconds << " " << r.zone << " " << r.locale);
+    EXPECT_EQ(text(r.seconds, r.zone, r.locale, r.reference), r.expected);
   }
 }
 
-TEST(DurationFormatter, Refusals) {
-  // not a number, infinite, beyond the supported range
-  {
-    EXPECT_EQ(text(std::numeric_limits<double>::quiet_NaN()), "(nil)");
-    EXPECT_EQ(text(std::numeric_limits<double>::infinity()), "(nil)");
-    EXPECT_EQ(text(1e13), "(nil)");
-  }
-  // the one-argument form works from now in the environment's locale
-  {
-    Ref<String> s = DurationFormatter::stringFromTimeInterval(42);
-    ASSERT_TRUE(s);
-    EXPECT_NE(s->utf8().find("42"), std::string::npos);
-  }
+TEST(DurationFormatter, OneArgumentFormCountsFromNow) {
+  Ref<String> s = DurationFormatter::stringFromTimeInterval(42);
+  ASSERT_TRUE(s);
+  EXPECT_NE(s->utf8().find("42"), std::string::npos);
 }
 
 }  // namespace

@@ -12,78 +12,60 @@ bool has(std::u16string_view haystack, std::u16string_view needle) {
   return textContainsIgnoringCaseAndDiacritics(s(haystack).get(), s(needle).get());
 }
 
-TEST(TextSearch, IgnoresCaseAndDiacritics) {
-  // accents on either side, precomposed or decomposed
-  {
-    EXPECT_TRUE(has(u"Résumé", u"resume"));
-    EXPECT_TRUE(has(u"resume", u"Résumé"));
-    EXPECT_TRUE(has(u"Re\u0301sume\u0301", u"RÉSUMÉ"));
-    EXPECT_TRUE(has(u"Crème brûlée", u"BRULEE"));
-    EXPECT_TRUE(has(u"Ångström", u"angstrom"));
-  }
-  // full case folding: sharp s, final sigma, Kelvin sign; Greek with tonos
-  {
-    EXPECT_TRUE(has(u"Straße", u"STRASSE"));
-    EXPECT_TRUE(has(u"ΟΔΟΣ", u"οδος"));
-    EXPECT_TRUE(has(u"ΟΔΟΣ", u"οδοσ"));
-    EXPECT_TRUE(has(u"5 \u212A", u"k"));
-    EXPECT_TRUE(has(u"Ἀθῆναι", u"αθηναι"));
-  }
-  // letters that differ are still different
-  {
-    EXPECT_FALSE(has(u"Résumé", u"resumes"));
-    EXPECT_FALSE(has(u"résumé", u"rasume"));
-    EXPECT_FALSE(has(u"abc", u"abd"));
-  }
+TextRange range(std::u16string_view haystack, std::u16string_view needle) {
+  return textRangeIgnoringCaseAndDiacritics(s(haystack).get(), s(needle).get());
 }
 
-TEST(TextSearch, EmptyAndNil) {
-  // an empty needle never matches, not even in an empty haystack
-  {
-    EXPECT_FALSE(has(u"abc", u""));
-    EXPECT_FALSE(has(u"", u""));
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(s(u"abc").get(), s(u"").get()).location,
-              kNotFound);
+TEST(TextSearch, IgnoresCaseAndDiacritics) {
+  struct Row {
+    std::u16string_view haystack, needle;
+    bool found;
+  } rows[] = {
+      // accents on either side, precomposed or decomposed
+      {u"Résumé", u"resume", true},
+      {u"resume", u"Résumé", true},
+      {u"Re\u0301sume\u0301", u"RÉSUMÉ", true},
+      {u"Crème brûlée", u"BRULEE", true},
+      {u"Ångström", u"angstrom", true},
+      // full case folding: sharp s, final sigma, Kelvin sign; Greek with tonos
+      {u"Straße", u"STRASSE", true},
+      {u"ΟΔΟΣ", u"οδος", true},
+      {u"ΟΔΟΣ", u"οδοσ", true},
+      {u"5 \u212A", u"k", true},
+      {u"Ἀθῆναι", u"αθηναι", true},
+      // letters that differ are still different
+      {u"Résumé", u"resumes", false},
+      {u"résumé", u"rasume", false},
+      {u"abc", u"abd", false},
+      // an empty needle never matches, not even in an empty haystack; nor does a
+      // needle of combining marks only, which folds to nothing
+      {u"abc", u"", false},
+      {u"", u"", false},
+      {u"e\u0301", u"\u0301", false},
+  };
+  for (const Row& r : rows) {
+    EXPECT_EQ(has(r.haystack, r.needle), r.found)
+        << s(r.haystack)->utf8() << " / " << s(r.needle)->utf8();
   }
-  // a needle of combining marks only folds to nothing
-  { EXPECT_FALSE(has(u"e\u0301", u"\u0301")); }
-  // nil on either side
-  {
-    EXPECT_FALSE(textContainsIgnoringCaseAndDiacritics(nullptr, s(u"a").get()));
-    EXPECT_FALSE(textContainsIgnoringCaseAndDiacritics(s(u"a").get(), nullptr));
-  }
+  EXPECT_EQ(range(u"abc", u"").location, kNotFound);
+  EXPECT_FALSE(textContainsIgnoringCaseAndDiacritics(nullptr, s(u"a").get()));
+  EXPECT_FALSE(textContainsIgnoringCaseAndDiacritics(s(u"a").get(), nullptr));
 }
 
 TEST(TextSearch, RangesInOriginalUnits) {
   // precomposed: the range covers the accented letters
-  {
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(s(u"Le Résumé").get(), s(u"RESUME").get()),
-              (TextRange{3, 6}));
-  }
+  EXPECT_EQ(range(u"Le Résumé", u"RESUME"), (TextRange{3, 6}));
   // decomposed: the trailing mark belongs to the match
-  {
-    EXPECT_EQ(
-        textRangeIgnoringCaseAndDiacritics(s(u"Re\u0301sume\u0301!").get(), s(u"resume").get()),
-        (TextRange{0, 8}));
-  }
+  EXPECT_EQ(range(u"Re\u0301sume\u0301!", u"resume"), (TextRange{0, 8}));
   // a supplementary character before the match counts two units
-  {
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(s(u"\U0001F600Été").get(), s(u"ete").get()),
-              (TextRange{2, 3}));
-  }
+  EXPECT_EQ(range(u"\U0001F600Été", u"ete"), (TextRange{2, 3}));
   // a character that folds to two letters is in the range whole
-  {
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(s(u"aßb").get(), s(u"s").get()),
-              (TextRange{1, 1}));
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(s(u"aßb").get(), s(u"ssb").get()),
-              (TextRange{1, 2}));
-  }
+  EXPECT_EQ(range(u"aßb", u"s"), (TextRange{1, 1}));
+  EXPECT_EQ(range(u"aßb", u"ssb"), (TextRange{1, 2}));
   // the first occurrence wins; Latin-1 storage and UTF-16 storage agree
-  {
-    Ref<String> latin1 = String::fromLatin1("xx\xC9t\xE9 \xE9t\xE9");
-    ASSERT_TRUE(latin1);
-    EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(latin1.get(), s(u"ETE").get()), (TextRange{2, 3}));
-  }
+  Ref<String> latin1 = String::fromLatin1("xx\xC9t\xE9 \xE9t\xE9");
+  ASSERT_TRUE(latin1);
+  EXPECT_EQ(textRangeIgnoringCaseAndDiacritics(latin1.get(), s(u"ETE").get()), (TextRange{2, 3}));
 }
 
 }  // namespace

@@ -9,56 +9,47 @@
 namespace nk {
 namespace {
 
-TEST(UUID, CanonicalUpperCaseForm) {
-  for (int i = 0; i < 100; ++i) {
+TEST(UUID, RandomCanonicalUpperCaseForm) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 10000; ++i) {
     const std::string s = UUID::random()->uuidString()->utf8();
+    seen.insert(s);
+    if (i >= 100) continue;
     ASSERT_EQ(s.size(), 36u);
     for (size_t k = 0; k < s.size(); ++k) {
-      if (k == 8 || k == 13 || k == 18 || k == 23) {
-        ASSERT_EQ(s[k], '-') << s;
-      } else {
-        ASSERT_TRUE((s[k] >= '0' && s[k] <= '9') || (s[k] >= 'A' && s[k] <= 'F')) << s;
-      }
+      const bool dash = k == 8 || k == 13 || k == 18 || k == 23;
+      ASSERT_TRUE(dash ? s[k] == '-' : (s[k] >= '0' && s[k] <= '9') || (s[k] >= 'A' && s[k] <= 'F'))
+          << s;
     }
-    // version 4, variant 10xx
-    ASSERT_EQ(s[14], '4') << s;
+    ASSERT_EQ(s[14], '4') << s;  // version 4, variant 10xx
     ASSERT_NE(std::string("89AB").find(s[19]), std::string::npos) << s;
   }
+  EXPECT_EQ(seen.size(), 10000u);  // no repeats
 }
 
-TEST(UUID, Random) {
-  // no repeats
-  {
-    std::set<std::string> seen;
-    for (int i = 0; i < 10000; ++i) seen.insert(UUID::random()->uuidString()->utf8());
-    EXPECT_EQ(seen.size(), 10000u);
-  }
-  // each of the 122 random bits takes both values; the fixed six never change
-  {
-    UUID::Bytes anySet{};
-    UUID::Bytes allSet;
-    allSet.fill(0xFF);
-    for (int i = 0; i < 256; ++i) {
-      const UUID::Bytes b = UUID::random()->bytes();
-      for (size_t k = 0; k < 16; ++k) {
-        anySet[k] |= b[k];
-        allSet[k] &= b[k];
-      }
-    }
+TEST(UUID, EveryRandomBitTakesBothValues) {
+  // the 122 random bits each take both values; the fixed six never change
+  UUID::Bytes anySet{}, allSet;
+  allSet.fill(0xFF);
+  for (int i = 0; i < 256; ++i) {
+    const UUID::Bytes b = UUID::random()->bytes();
     for (size_t k = 0; k < 16; ++k) {
-      const uint8_t fixedMask = k == 6 ? 0xF0 : k == 8 ? 0xC0 : 0x00;
-      const uint8_t fixedValue = k == 6 ? 0x40 : k == 8 ? 0x80 : 0x00;
-      EXPECT_EQ(anySet[k] | fixedMask, 0xFF) << k;
-      EXPECT_EQ(allSet[k] & static_cast<uint8_t>(~fixedMask), 0) << k;
-      EXPECT_EQ(anySet[k] & fixedMask, fixedValue) << k;
-      EXPECT_EQ(allSet[k] & fixedMask, fixedValue) << k;
+      anySet[k] |= b[k];
+      allSet[k] &= b[k];
     }
+  }
+  for (size_t k = 0; k < 16; ++k) {
+    const uint8_t fixedMask = k == 6 ? 0xF0 : k == 8 ? 0xC0 : 0x00;
+    const uint8_t fixedValue = k == 6 ? 0x40 : k == 8 ? 0x80 : 0x00;
+    EXPECT_EQ(anySet[k] | fixedMask, 0xFF) << k;
+    EXPECT_EQ(allSet[k] & static_cast<uint8_t>(~fixedMask), 0) << k;
+    EXPECT_EQ(anySet[k] & fixedMask, fixedValue) << k;
+    EXPECT_EQ(allSet[k] & fixedMask, fixedValue) << k;
   }
 }
 
 TEST(UUID, ParsingAndEquality) {
-  // text round trip; lower case is read too
-  {
+  {  // text round trip; lower case is read too
     Ref<UUID> u = UUID::random();
     Ref<UUID> back = UUID::fromString(u->uuidString().get());
     ASSERT_TRUE(back);
@@ -70,8 +61,7 @@ TEST(UUID, ParsingAndEquality) {
     EXPECT_EQ(lower->bytes()[0], 0xE6);
     EXPECT_EQ(lower->bytes()[15], 0x5F);
   }
-  // malformed texts are nil
-  {
+  {  // malformed texts are nil
     for (std::string_view s :
          {"", "E621E1F8C36C495A93FC0C247A3E6E5F", "E621E1F8-C36C-495A-93FC-0C247A3E6E5",
           "E621E1F8-C36C-495A-93FC_0C247A3E6E5F", "G621E1F8-C36C-495A-93FC-0C247A3E6E5F",
@@ -80,8 +70,7 @@ TEST(UUID, ParsingAndEquality) {
     }
     EXPECT_FALSE(UUID::fromString(static_cast<const String*>(nullptr)));
   }
-  // distinct values differ; description ends with the text form; copy is identity
-  {
+  {  // distinct values differ; description ends with the text form; copy is identity
     Ref<UUID> a = UUID::random();
     EXPECT_FALSE(isEqual(a, UUID::random()));
     EXPECT_FALSE(a->isEqual(NK_STR("x")));

@@ -26,10 +26,8 @@ struct Sandbox {
   ScopedEnv bundle{"NK_MAIN_BUNDLE", dir / "bundle"};
   Sandbox() {
     writeFile(dir / "bundle/Info.plist",
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
-              "version=\"1.0\"><dict>"
-              "<key>CFBundleIdentifier</key><string>org.example.app</string></"
-              "dict></plist>\n");
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+              "<key>CFBundleIdentifier</key><string>org.example.app</string></dict></plist>\n");
     ::mkdir((dir / "home").c_str(), 0700);
   }
 };
@@ -96,15 +94,13 @@ TEST(SearchPathDirectories, LibraryAndDocuments) {
     EXPECT_EQ(manager->URLsForDirectory(kLibraryDirectory, kAllDomainsMask)->count(), 1u);
     EXPECT_EQ(manager->URLsForDirectory(99, kUserDomainMask)->count(), 0u);
   }
-  {  // Documents without user-dirs.dirs: ~/Documents
-    EXPECT_EQ(urlPath(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask).get()),
-              box.dir / "home/Documents");
-  }
+  // Documents without user-dirs.dirs: ~/Documents
+  EXPECT_EQ(urlPath(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask).get()),
+            box.dir / "home/Documents");
   {  // user-dirs.dirs: $HOME expanded, comments skipped, last assignment wins
     writeFile(box.dir / "home/.config/user-dirs.dirs",
               "# written by a tool\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-              "XDG_DOCUMENTS_DIR=\"$HOME/Old\"\nXDG_DOCUMENTS_DIR=\"$HOME/My "
-              "\\\"Docs\\\"\"\n");
+              "XDG_DOCUMENTS_DIR=\"$HOME/Old\"\nXDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\"\"\n");
     EXPECT_EQ(userDocumentsDirectory(), box.dir.path() + "/home/My \"Docs\"");
   }
   {  // an absolute value in XDG_CONFIG_HOME's file; relative values are ignored
