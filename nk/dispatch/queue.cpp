@@ -27,17 +27,14 @@ class GlobalCore final : public QueueCore {
 
   void push(Task&& task, bool) override {
     WorkItem item{std::move(task), reinterpret_cast<uintptr_t>(this)};
-    if (ThreadPool::canHold()) {
-      ThreadPool::hold(priority, std::move(item));
-    } else {
-      pool_.push(priority, std::move(item));
-    }
+    if (!ThreadPool::keep(priority, item)) pool_.push(priority, std::move(item));
   }
   void pushBatch(Task* tasks, size_t count) override {
     if (count == 1) {
       push(std::move(tasks[0]), false);
       return;
     }
+    ThreadPool::queueKept();
     pool_.pushEach(priority, count, [&](size_t i) noexcept {
       return WorkItem{std::move(tasks[i]), reinterpret_cast<uintptr_t>(this)};
     });

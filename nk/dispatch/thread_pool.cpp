@@ -59,7 +59,7 @@ struct ThreadPool::Held {
 
 namespace {
 // The worker's slot while it runs a plain task (not a serial or concurrent queue's run),
-// and the slot open to hold() inside a TaskTailRegion.
+// and the same slot inside a TaskTailRegion, where keep() may fill it.
 thread_local ThreadPool::Held* tlsTaskSlot = nullptr;
 thread_local ThreadPool::Held* tlsTailSlot = nullptr;
 }  // namespace
@@ -74,12 +74,21 @@ void TaskTailRegion::interrupt() noexcept {
   }
 }
 
-bool ThreadPool::canHold() noexcept { return tlsTailSlot && !tlsTailSlot->present; }
+bool ThreadPool::keep(QueuePriority priority, WorkItem& item) noexcept {
+  Held* slot = tlsTaskSlot;
+  if (!slot) return false;
+  if (slot == tlsTailSlot && !slot->present) {
+    slot->item = std::move(item);
+    slot->priority = priority;
+    slot->present = true;
+    return true;
+  }
+  instance().queueHeld(*slot);
+  return false;
+}
 
-void ThreadPool::hold(QueuePriority priority, WorkItem&& item) noexcept {
-  tlsTailSlot->item = std::move(item);
-  tlsTailSlot->priority = priority;
-  tlsTailSlot->present = true;
+void ThreadPool::queueKept() noexcept {
+  if (tlsTaskSlot) instance().queueHeld(*tlsTaskSlot);
 }
 
 void ThreadPool::queueHeld(Held& held) noexcept {
@@ -224,8 +233,8 @@ bool ThreadPool::park(bool& searching) {
   return true;
 }
 
-// Runs the tasks the worker kept, while nothing else waits; otherwise queues the kept one
-// behind what waits, as if it had been queued at first.
+// Runs the tasks the worker kept while nothing else waits; otherwise queues the kept one
+// behind what waits: its submission takes effect now.
 void ThreadPool::runHeld(Held& held) {
   while (held.present) {
     if (anyPending()) {

@@ -37,11 +37,12 @@ class ThreadPool {
     notify();
   }
 
-  // Whether a task queued now at a global queue may stay with this worker (see
-  // TaskTailRegion). When true, the caller gives the task to hold() instead of pushing it.
-  static bool canHold() noexcept;
-  static void hold(QueuePriority priority, WorkItem&& item) noexcept;
-  struct Held;  // a worker's kept task
+  // Called by a global queue before it queues a task: inside a TaskTailRegion with no
+  // task kept yet, keeps `item` for this worker and returns true. Otherwise returns false
+  // after queueing any task this thread kept, so that its own tasks keep their order.
+  static bool keep(QueuePriority priority, WorkItem& item) noexcept;
+  static void queueKept() noexcept;  // as keep() with nothing to keep
+  struct Held;                       // a worker's kept task
 
   // Brackets a wait on a pool thread, so that other work can still get a thread.
   void enterBlocking() noexcept;
@@ -108,10 +109,12 @@ class BlockingRegion {
 
 // Marks the last steps of a task running on a pool worker, steps that queue the
 // continuation of the work and then return without blocking or running client code. The
-// one global-queue task queued in the region stays with the worker, which runs it next
-// unless other work is waiting; queued normally it would wake a second worker only for
-// that worker to find the queue empty again, a futex wake-up per link of a chain. No
-// effect off the pool or while a serial or concurrent queue runs its own share of work.
+// first global-queue task queued in the region stays with the worker, which runs it next
+// unless other work is waiting by then (it is queued then, behind that work): queued at
+// once, it would wake a second worker only for that worker to find the queue empty again,
+// a futex wake-up per link of a chain. Any later task from the thread queues it first, so
+// the thread's tasks keep their order. No effect off the pool or while a serial or
+// concurrent queue runs its own share of work.
 class TaskTailRegion {
  public:
   TaskTailRegion() noexcept;

@@ -87,7 +87,7 @@ TEST(PoolTaskTail, BlockingTaskDoesNotWaitOnItsKeptTask) {
     ASSERT_TRUE(outer.waitFor(kPatience));
   }
   // Client code run inside the region interrupts it first: the kept task is queued, and
-  // a later task in the region is queued too, so a plain condition variable wait ends.
+  // a later task in the region is queued too, so a plain wait for either ends.
   {
     std::promise<void> first, second;
     std::future<void> firstDone = first.get_future(), secondDone = second.get_future();
@@ -99,6 +99,23 @@ TEST(PoolTaskTail, BlockingTaskDoesNotWaitOnItsKeptTask) {
       Queue::global().async([&] { second.set_value(); });
       EXPECT_TRUE(ready(firstDone));
       EXPECT_TRUE(ready(secondDone));
+      outer.signal();
+    });
+    ASSERT_TRUE(outer.waitFor(kPatience));
+  }
+  // A later task from the same thread queues the kept one first, keeping this thread's
+  // order: the kept task is then under way while this one still runs.
+  {
+    std::promise<void> kept;
+    std::future<void> keptStarted = kept.get_future();
+    Semaphore outer;
+    Queue::global().async([&] {
+      {
+        TaskTailRegion tail;
+        Queue::global().async([&] { kept.set_value(); });
+      }
+      Queue::global().async([] {});
+      EXPECT_TRUE(ready(keptStarted));
       outer.signal();
     });
     ASSERT_TRUE(outer.waitFor(kPatience));
