@@ -103,12 +103,17 @@ enum class Kind : uint8_t { kString, kNumber, kDictionary, kArray, kNull, kOther
 // that path.
 class KindCache {
  public:
-  Kind of(const Object* o) noexcept {
+  [[gnu::always_inline]] Kind of(const Object* o) noexcept {
     const std::type_info* type = &typeid(*o);
     if (type == &typeid(String)) return Kind::kString;
     if (type == &typeid(Number)) return Kind::kNumber;
     if (type == &typeid(Dictionary)) return Kind::kDictionary;
     if (type == &typeid(Array)) return Kind::kArray;
+    return remembered(o, type);
+  }
+
+ private:
+  [[gnu::noinline]] Kind remembered(const Object* o, const std::type_info* type) noexcept {
     for (size_t i = 0; i < used_; ++i) {
       if (seen_[i].first == type) return seen_[i].second;
     }
@@ -117,7 +122,6 @@ class KindCache {
     return kind;
   }
 
- private:
   static Kind classify(const Object* o) noexcept {
     if (cast<String>(o)) return Kind::kString;
     if (cast<Number>(o)) return Kind::kNumber;
@@ -198,8 +202,23 @@ class Writer {
                          static_cast<size_t>(pos_ - begin_));
   }
 
-  void value(const Object* o, size_t depth) {
-    switch (kinds_.of(o)) {
+  void value(const Object* o, size_t depth) { valueOfKind(kinds_.of(o), o, depth); }
+
+  // The bytes written, in storage of their exact size.
+  std::vector<uint8_t> take() const { return std::vector<uint8_t>(begin_, pos_); }
+
+ private:
+  // An element of a container. Strings and numbers, most of a document, are
+  // written without a call: a call per value costs more than writing many of them.
+  [[gnu::always_inline]] void element(const Object* o, size_t depth) {
+    const Kind kind = kinds_.of(o);
+    if (kind == Kind::kString) return string(*static_cast<const String*>(o));
+    if (kind == Kind::kNumber) return number(*static_cast<const Number*>(o));
+    valueOfKind(kind, o, depth);
+  }
+
+  void valueOfKind(Kind kind, const Object* o, size_t depth) {
+    switch (kind) {
       case Kind::kString:
         return string(*static_cast<const String*>(o));
       case Kind::kNumber:
@@ -216,10 +235,6 @@ class Writer {
     throw WriteFailure{"Invalid type in JSON write (" + o->objectClass().name() + ")"};
   }
 
-  // The bytes written, in storage of their exact size.
-  std::vector<uint8_t> take() const { return std::vector<uint8_t>(begin_, pos_); }
-
- private:
   // Room for `extra` more bytes at pos_. The buffer grows by realloc, which
   // does not zero-fill and often extends in place.
   uint8_t* room(size_t extra) {
@@ -244,19 +259,22 @@ class Writer {
     *room(1) = static_cast<uint8_t>(c);
     ++pos_;
   }
-  // A line break and the indentation of `depth`, written eight spaces at a
-  // time (fixed-size stores beat a call to memset at these lengths).
-  void newline(size_t depth) {
+  // `lead` bytes of `text`, a line break and the indentation of `depth`, the
+  // spaces written eight at a time (fixed-size stores beat a call to memset at
+  // these lengths).
+  void lineBreak(const char* text, size_t lead, size_t depth) {
     const size_t width = 2 * depth;
-    uint8_t* p = room(1 + width + 8);
-    *p = '\n';
-    for (size_t k = 0; k < width; k += 8) std::memcpy(p + 1 + k, "        ", 8);
-    pos_ += 1 + width;
+    uint8_t* p = room(lead + 1 + width + 8);
+    std::memcpy(p, text, lead);
+    p[lead] = '\n';
+    for (size_t k = 0; k < width; k += 8) std::memcpy(p + lead + 1 + k, "        ", 8);
+    pos_ += lead + 1 + width;
   }
+  void newline(size_t depth) { lineBreak("", 0, depth); }
   // "," between members, with the line break when pretty.
   void separator(size_t depth) {
+    if (pretty_) return lineBreak(",", 1, depth);
     byte(',');
-    if (pretty_) newline(depth);
   }
 
   // Objects are scattered over the heap: fetching the next one while this one
@@ -353,7 +371,7 @@ class Writer {
     for (size_t i = 0; i < items.size(); ++i) {
       prefetchAhead(i, items.size(), at);
       if (i != 0) separator(depth);
-      value(items[i].get(), depth);
+      element(items[i].get(), depth);
     }
     if (pretty_) newline(depth - 1);
     byte(']');
@@ -367,7 +385,7 @@ class Writer {
 
   void member(const String& k, const Object* v, size_t depth) {
     writeKey(k);
-    value(v, depth);
+    element(v, depth);
   }
 
   // A key and the separator after it. Documents repeat the same key objects
