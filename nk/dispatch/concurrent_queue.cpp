@@ -2,29 +2,18 @@
 // counts them in flight; a barrier waits for that count to reach zero, then runs alone.
 #include <utility>
 
-#include "nk/dispatch/queue_core_internal.hpp"
-#include "nk/dispatch/thread_pool_internal.hpp"
+#include "nk/dispatch/drained_core_internal.hpp"
 
 namespace nk::dispatch_internal {
 namespace {
 
-constexpr int kDrainBudget = 128;
-
-class ConcurrentCore final : public QueueCore {
+class ConcurrentCore final : public DrainedCore {
  public:
   ConcurrentCore(std::string label, QueuePriority priority)
-      : QueueCore(QueueKind::kConcurrent, priority, std::move(label)),
-        pool_(ThreadPool::instance()) {
-    word_.store(kRefOne, std::memory_order_relaxed);
-  }
+      : DrainedCore(QueueKind::kConcurrent, priority, std::move(label)) {}
 
   void push(Task&& task, bool barrier) override {
     fifo_.push(WorkItem{std::move(task), barrier ? kBarrierTag : 0});
-    scheduleIfIdle();
-  }
-
-  void pushBatch(Task* tasks, size_t count) override {
-    fifo_.pushEach(count, [&](size_t i) noexcept { return WorkItem{std::move(tasks[i]), 0}; });
     scheduleIfIdle();
   }
 
@@ -75,7 +64,7 @@ class ConcurrentCore final : public QueueCore {
     for (int budget = kDrainBudget; budget > 0; --budget) {
       WorkItem item;
       if (!fifo_.pop(item)) {
-        if (release()) continue;
+        if (releaseTurn()) continue;
         return;
       }
       switch (item.aux & kTagMask) {
@@ -109,17 +98,6 @@ class ConcurrentCore final : public QueueCore {
   }
 
  private:
-  WorkItem drainItem() noexcept {
-    return WorkItem{Task(), reinterpret_cast<uintptr_t>(this) | kDrainTag};
-  }
-
-  void scheduleIfIdle() {
-    if (word_.load(std::memory_order_seq_cst) & kScheduled) return;
-    if ((word_.fetch_or(kScheduled, std::memory_order_seq_cst) & kScheduled) == 0) {
-      pool_.push(priority, drainItem());
-    }
-  }
-
   // Returns true if nothing is in flight. Otherwise parks `item` as the pending barrier
   // and returns false: the last task to finish resumes the drainer.
   bool waitForIdle(WorkItem& item) {
@@ -150,25 +128,6 @@ class ConcurrentCore final : public QueueCore {
     return true;
   }
 
-  bool release() {
-    word_.fetch_add(kRefOne - kScheduled, std::memory_order_seq_cst);
-    bool retaken =
-        !fifo_.empty() && (word_.fetch_or(kScheduled, std::memory_order_seq_cst) & kScheduled) == 0;
-    QueueCore::release();
-    return retaken;
-  }
-
-  void continueOrRelease() {
-    do {
-      if (!fifo_.empty()) {
-        pool_.push(priority, drainItem());
-        return;
-      }
-    } while (release());
-  }
-
-  ThreadPool& pool_;
-  SegmentedQueue<WorkItem> fifo_;
   WorkItem pending_;  // touched only by the owner of the scheduled bit
 };
 
