@@ -51,22 +51,19 @@ TEST(Array, AccessAndBounds) {
       raised([&] { (void)a->objectAtIndex(3); }),
       std::make_pair(std::string("NSRangeException"),
                      std::string("*** -[Array objectAtIndex:]: index 3 beyond bounds [0 .. 1]")));
-  {
-    // Empty arrays say so, and first/last are nil rather than raising.
+  {  // Empty arrays say so, and first/last are nil rather than raising.
     auto empty = MutableArray::make();
     EXPECT_EQ(raised([&] { (void)(*empty)[0]; }).second,
               "*** -[MutableArray objectAtIndex:]: index 0 beyond bounds for empty array");
     EXPECT_EQ(empty->firstObject(), nullptr);
     EXPECT_EQ(empty->lastObject(), nullptr);
   }
-  {
-    // Nil elements are refused at construction, naming the position.
+  {  // Nil elements are refused at construction, naming the position.
     auto r = raised([] { (void)Array::make({S("a"), Id()}); });
     EXPECT_EQ(r.first, "NSInvalidArgumentException");
     EXPECT_THAT(r.second, ::testing::HasSubstr("attempt to insert nil object from objects[1]"));
   }
-  {
-    // Subranges are checked against the end.
+  {  // Subranges are checked against the end.
     EXPECT_THAT(texts(*a->subarray(1, 1)), ::testing::ElementsAre("y"));
     EXPECT_EQ(a->subarray(2, 0)->count(), 0u);
     EXPECT_EQ(raised([&] { (void)a->subarray(1, 2); }).first, "NSRangeException");
@@ -100,19 +97,16 @@ TEST(MutableArray, Changes) {
   m->removeLastObject();
   EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "c"));
 
-  {
-    // removeObject drops every equal element, keeping the others in order.
+  {  // removeObject drops every equal element, keeping the others in order.
     m->addObjectsFromArray(Array::make({S("c"), S("e"), S("c")}).get());
     m->removeObject(S("c"));
     EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e"));
   }
-  {
-    // Appending an array to itself doubles it rather than looping.
+  {  // Appending an array to itself doubles it rather than looping.
     m->addObjectsFromArray(m.get());
     EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e", "d", "e"));
   }
-  {
-    // Misuse raises and leaves the content alone.
+  {  // Misuse raises and leaves the content alone.
     EXPECT_EQ(raised([&] { m->addObject(nullptr); }),
               std::make_pair(std::string("NSInvalidArgumentException"),
                              std::string("*** -[MutableArray insertObject:atIndex:]: object "
@@ -141,8 +135,7 @@ TEST(MutableArray, ReleasesWhatItDrops) {
   EXPECT_EQ(deaths, 1);
   m->replaceObjectAtIndexWithObject(0, S("x"));
   EXPECT_EQ(deaths, 2);
-  {
-    // The only reference may be the array's own: removing must not touch it after.
+  {  // The only reference may be the array's own: removing must not touch it after.
     Id last = m->lastObject();
     Object* raw = last.get();
     last = nullptr;
@@ -176,8 +169,7 @@ TEST(Array, CopySemantics) {
 
   auto m = MutableArray::make({S("a"), S("b")});
   Id snapshot = m->copy();
-  {
-    // A mutable array's copy is a distinct immutable snapshot of the same elements.
+  {  // A mutable array's copy is a distinct immutable snapshot of the same elements.
     ASSERT_NE(snapshot, m);
     EXPECT_TRUE(snapshot->isMemberOfClass(Array::staticClass()));
     EXPECT_EQ(cast<Array>(snapshot)->objectAtIndex(0), m->objectAtIndex(0));
@@ -186,8 +178,7 @@ TEST(Array, CopySemantics) {
   m->removeObjectAtIndex(0);
   EXPECT_THAT(texts(*cast<Array>(snapshot)), ::testing::ElementsAre("a", "b"));
 
-  {
-    // mutableCopy is a new MutableArray, independent of its source but shallow.
+  {  // mutableCopy is a new MutableArray, independent of its source but shallow.
     auto mc = cast<MutableArray>(a->mutableCopy());
     ASSERT_TRUE(mc);
     mc->addObject(S("z"));

@@ -31,8 +31,7 @@ std::string mutatedReason(const char* className, const void* address) {
 }
 
 TEST(Enumeration, MutationInsideLoopRaises) {
-  {
-    // Array: a change, then stepping on, raises NSGenericException.
+  {  // Array: a change, then stepping on, raises NSGenericException.
     auto m = MutableArray::make({S("a"), S("b"), S("c")});
     auto r = raised([&] {
       for (const Id& x : *m) {
@@ -42,16 +41,14 @@ TEST(Enumeration, MutationInsideLoopRaises) {
     EXPECT_EQ(r.first, "NSGenericException");
     EXPECT_EQ(r.second, mutatedReason("MutableArray", m.get()));
   }
-  {
-    // Dictionary keys: replacing a value counts as a change too.
+  {  // Dictionary keys: replacing a value counts as a change too.
     auto d = MutableDictionary::make({{S("a"), S("1")}, {S("b"), S("2")}});
     auto r = raised([&] {
       for (const Id& key : *d) d->setObjectForKey(S("x"), key);
     });
     EXPECT_EQ(r.second, mutatedReason("MutableDictionary", d.get()));
   }
-  {
-    // Dictionary entries.
+  {  // Dictionary entries.
     auto d = MutableDictionary::make({{S("a"), S("1")}, {S("b"), S("2")}});
     auto r = raised([&] {
       for (const auto& entry : d->entries()) {
@@ -66,16 +63,14 @@ TEST(Enumeration, MutationInsideLoopRaises) {
     });
     EXPECT_EQ(r.second, mutatedReason("MutableDictionary", d.get()));
   }
-  {
-    // Set.
+  {  // Set.
     auto s = MutableSet::make({S("a"), S("b")});
     auto r = raised([&] {
       for (const Id& x : *s) s->removeObject(x);
     });
     EXPECT_EQ(r.second, mutatedReason("MutableSet", s.get()));
   }
-  {
-    // An indexed dictionary (many keys) that compacts during the loop.
+  {  // An indexed dictionary (many keys) that compacts during the loop.
     auto d = MutableDictionary::make();
     for (int i = 0; i < 40; ++i) d->setObjectForKey(Number::withInt(i), Number::withInt(i));
     int seen = 0;
@@ -106,8 +101,7 @@ TEST(Enumeration, MutationInsideLoopRaises) {
 }
 
 TEST(Enumeration, ChangesThatEndTheLoopDoNotRaise) {
-  {
-    // Changing and leaving the loop at once is allowed, as on the platform.
+  {  // Changing and leaving the loop at once is allowed, as on the platform.
     auto m = MutableArray::make({S("a"), S("b"), S("c")});
     auto r = raised([&] {
       for (const Id& x : *m) {
@@ -118,8 +112,7 @@ TEST(Enumeration, ChangesThatEndTheLoopDoNotRaise) {
     EXPECT_EQ(r.first, "");
     EXPECT_EQ(m->count(), 2u);
   }
-  {
-    // Shrinking at the last element ends the loop; growing there does not.
+  {  // Shrinking at the last element ends the loop; growing there does not.
     auto m = MutableArray::make({S("a"), S("b")});
     EXPECT_EQ(raised([&] {
                 for (const Id& x : *m) {
@@ -134,8 +127,7 @@ TEST(Enumeration, ChangesThatEndTheLoopDoNotRaise) {
               }).first,
               "NSGenericException");
   }
-  {
-    // Loops without changes see every element once, in order.
+  {  // Loops without changes see every element once, in order.
     auto m = MutableArray::make({S("a"), S("b"), S("c")});
     std::vector<std::string> seen;
     for (const Id& x : *m) seen.push_back(x->description()->utf8());
@@ -170,8 +162,7 @@ TEST(Enumeration, GenericEntryPoints) {
   EXPECT_EQ(collectionCount(Number::withInt(3).get()), 0u);
   EXPECT_EQ(collectionCount(nullptr), 0u);
 
-  {
-    // A change made through the callback raises as in a loop.
+  {  // A change made through the callback raises as in a loop.
     auto m = MutableArray::make({S("a"), S("b")});
     EXPECT_EQ(raised([&] { enumerate(m.get(), [&](const Id&) { m->addObject(S("c")); }); }).first,
               "NSGenericException");

@@ -32,8 +32,7 @@ class ErrorTestWitness final : public Object {
 NK_DEFINE_CLASS(ErrorTestWitness, "ErrorTestWitness");
 
 TEST(Error, Texts) {
-  {
-    // Without a localized description: the platform's fallback, curly apostrophe.
+  {  // Without a localized description: the platform's fallback, curly apostrophe.
     auto e = Error::make(S("MyDomain"), -5);
     EXPECT_EQ(e->localizedDescription()->utf8(),
               "The operation couldn\u2019t be completed. (MyDomain error -5.)");
@@ -44,8 +43,7 @@ TEST(Error, Texts) {
     EXPECT_EQ(Error::make("MyDomain", -5, Dictionary::make())->description()->utf8(),
               e->description()->utf8());
   }
-  {
-    // With one: it is quoted, and the user information follows.
+  {  // With one: it is quoted, and the user information follows.
     auto e =
         Error::make(S("D"), 3, Dictionary::make({{kLocalizedDescriptionKey(), S("Disk full")}}));
     EXPECT_EQ(e->localizedDescription()->utf8(), "Disk full");
@@ -53,15 +51,13 @@ TEST(Error, Texts) {
               "Error Domain=D Code=3 \"Disk full\" UserInfo={\n"
               "    NSLocalizedDescription = \"Disk full\";\n}");
   }
-  {
-    // A localized description that is not a string is ignored.
+  {  // A localized description that is not a string is ignored.
     auto e = Error::make(S("D"), 1,
                          Dictionary::make({{kLocalizedDescriptionKey(), Number::withInt(7)}}));
     EXPECT_EQ(e->localizedDescription()->utf8(),
               "The operation couldn\u2019t be completed. (D error 1.)");
   }
-  {
-    // The underlying error is found under its key, and only when it is an error.
+  {  // The underlying error is found under its key, and only when it is an error.
     auto inner = Error::make(S("Inner"), 2);
     auto outer = Error::make(S("Outer"), 1, Dictionary::make({{kUnderlyingErrorKey(), inner}}));
     EXPECT_EQ(outer->underlyingError(), inner);
@@ -75,8 +71,7 @@ TEST(Error, Texts) {
 TEST(Error, EqualityAndCopies) {
   auto info = MutableDictionary::make({{S("k"), S("v")}});
   auto e = Error::make(S("D"), 1, info);
-  {
-    // The user information is copied: later changes to the original do not show.
+  {  // The user information is copied: later changes to the original do not show.
     info->setObjectForKey(S("w"), S("k"));
     EXPECT_EQ(e->userInfo()->objectForKey(S("k"))->description()->utf8(), "v");
     EXPECT_FALSE(e->userInfo()->isKindOfClass(MutableDictionary::staticClass()));
@@ -119,16 +114,14 @@ TEST(Error, AssociatedObjects) {
     EXPECT_EQ(seenCode, 0);
   }
   EXPECT_EQ(seenCode, 42);
-  {
-    // Replacing a value releases the old one.
+  {  // Replacing a value releases the old one.
     auto e = Error::make(S("D"), 7);
     seenCode = 0;
     e->setAssociatedObject(&kKeyA, make<ErrorTestWitness>(e.get(), &seenCode));
     e->setAssociatedObject(&kKeyA, S("other"));
     EXPECT_EQ(seenCode, 7);
   }
-  {
-    // Threads attaching and reading under distinct keys do not lose entries.
+  {  // Threads attaching and reading under distinct keys do not lose entries.
     auto e = Error::make(S("D"), 1);
     static char keys[8];
     std::vector<std::thread> threads;

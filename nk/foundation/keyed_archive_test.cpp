@@ -54,6 +54,13 @@ Id classInfo(std::initializer_list<Id> chain) {
   return Dictionary::make(
       {{str("$classname"), *chain.begin()}, {str("$classes"), Array::make(chain)}});
 }
+Id arrayClass() { return classInfo({str("NSArray"), str("NSObject")}); }
+
+// The body of an array or set: its element references and its class record.
+Id arrayBody(std::vector<Id> refs, uint64_t cls) {
+  return Dictionary::make(
+      {{str("NS.objects"), Array::make(std::move(refs))}, {str("$class"), uid(cls)}});
+}
 
 Id decode(const Data* data, Ref<Error>* error = nullptr,
           std::span<const Class* const> classes = kValueClasses) {
@@ -210,22 +217,17 @@ TEST(KeyedArchive, DecodesArchivesAsThePlatformWritesThem) {
   }
   // an array in the XML form, where UIDs are written {CF$UID = n}
   {
-    auto data = archiveOf({str("$null"),
-                           Dictionary::make({{str("NS.objects"), Array::make({uid(2), uid(3)})},
-                                             {str("$class"), uid(4)}}),
-                           Data::fromBytes(std::vector<uint8_t>{7}), Number::withDouble(0.5),
-                           classInfo({str("NSArray"), str("NSObject")})},
-                          1, PropertyListFormat::kXML);
+    auto data =
+        archiveOf({str("$null"), arrayBody({uid(2), uid(3)}, 4),
+                   Data::fromBytes(std::vector<uint8_t>{7}), Number::withDouble(0.5), arrayClass()},
+                  1, PropertyListFormat::kXML);
     EXPECT_TRUE(isEqual(decode(data.get()), Array::make({Data::fromBytes(std::vector<uint8_t>{7}),
                                                          Number::withDouble(0.5)})));
   }
   // NSMutableString, NSData wrapped, NSNull, NSSet and a URL with a base
   {
     auto data = archiveOf(
-        {str("$null"),
-         Dictionary::make(
-             {{str("NS.objects"), Array::make({uid(2), uid(4), uid(6), uid(8), uid(10)})},
-              {str("$class"), uid(13)}}),
+        {str("$null"), arrayBody({uid(2), uid(4), uid(6), uid(8), uid(10)}, 13),
          Dictionary::make({{str("NS.string"), str("txt")}, {str("$class"), uid(3)}}),
          classInfo({str("NSMutableString"), str("NSString"), str("NSObject")}),
          Dictionary::make({{str("NS.data"), Data::fromBytes(std::vector<uint8_t>{1, 2})},
@@ -279,11 +281,7 @@ TEST(KeyedArchive, AllowListIsCheckedOnEveryObject) {
   }
   // a shared object is checked again where it is reached under other classes
   {
-    auto data2 = archiveOf(
-        {str("$null"),
-         Dictionary::make({{str("NS.objects"), Array::make({uid(2)})}, {str("$class"), uid(3)}}),
-         str("s"), classInfo({str("NSArray"), str("NSObject")})},
-        1);
+    auto data2 = archiveOf({str("$null"), arrayBody({uid(2)}, 3), str("s"), arrayClass()});
     const Class* const arrays[] = {&Array::staticClass()};
     EXPECT_FALSE(decode(data2.get(), nullptr, arrays));
   }
@@ -299,11 +297,6 @@ TEST(KeyedArchive, ObjectsThatCannotBeArchivedFail) {
 }
 
 TEST(KeyedArchive, CorruptArchivesDecodeToNil) {
-  auto bodyOfArray = [](std::vector<Id> refs, uint64_t cls) {
-    return Dictionary::make(
-        {{str("NS.objects"), Array::make(std::move(refs))}, {str("$class"), uid(cls)}});
-  };
-  Id arrayClass = classInfo({str("NSArray"), str("NSObject")});
   auto valid = KeyedArchiver::archivedDataWithRootObject(
       Dictionary::make({{str("a"), Array::make({str("b")})}}).get(), true);
   // each case: what it breaks, the archive, a fragment of the reason given
@@ -316,23 +309,23 @@ TEST(KeyedArchive, CorruptArchivesDecodeToNil) {
            *writePropertyList(Array::make({str("$null")}).get(), PropertyListFormat::kBinary)),
        "not a keyed archive"},
       {"cycle",
-       archiveOf({str("$null"), bodyOfArray({uid(2)}, 3), bodyOfArray({uid(1)}, 3), arrayClass}),
+       archiveOf({str("$null"), arrayBody({uid(2)}, 3), arrayBody({uid(1)}, 3), arrayClass()}),
        "cycle"},
-      {"self reference", archiveOf({str("$null"), bodyOfArray({uid(1)}, 2), arrayClass}), "cycle"},
-      {"uid out of range", archiveOf({str("$null"), bodyOfArray({uid(99)}, 2), arrayClass}),
+      {"self reference", archiveOf({str("$null"), arrayBody({uid(1)}, 2), arrayClass()}), "cycle"},
+      {"uid out of range", archiveOf({str("$null"), arrayBody({uid(99)}, 2), arrayClass()}),
        "outside"},
       {"root out of range", archiveOf({str("$null")}, 5), "outside"},
-      {"class uid out of range", archiveOf({str("$null"), bodyOfArray({}, 7)}), "name its class"},
-      {"class record not a dictionary", archiveOf({str("$null"), bodyOfArray({}, 0)}),
+      {"class uid out of range", archiveOf({str("$null"), arrayBody({}, 7)}), "name its class"},
+      {"class record not a dictionary", archiveOf({str("$null"), arrayBody({}, 0)}),
        "name its class"},
-      {"collection holding nil", archiveOf({str("$null"), bodyOfArray({uid(0)}, 2), arrayClass}),
+      {"collection holding nil", archiveOf({str("$null"), arrayBody({uid(0)}, 2), arrayClass()}),
        "holds nil"},
-      {"element not a uid", archiveOf({str("$null"), bodyOfArray({str("x")}, 2), arrayClass}),
+      {"element not a uid", archiveOf({str("$null"), arrayBody({str("x")}, 2), arrayClass()}),
        "other than a UID"},
       {"elements not an array",
        archiveOf({str("$null"),
                   Dictionary::make({{str("NS.objects"), str("x")}, {str("$class"), uid(2)}}),
-                  arrayClass}),
+                  arrayClass()}),
        "not an array"},
       {"keys and values differ in number",
        archiveOf({str("$null"),
@@ -343,10 +336,10 @@ TEST(KeyedArchive, CorruptArchivesDecodeToNil) {
        "different numbers"},
       {"unknown class",
        archiveOf(
-           {str("$null"), bodyOfArray({}, 2), classInfo({str("NoSuchClass"), str("NSObject")})}),
+           {str("$null"), arrayBody({}, 2), classInfo({str("NoSuchClass"), str("NSObject")})}),
        "'NoSuchClass' is not known"},
       {"class outside the allow-list",
-       archiveOf({str("$null"), bodyOfArray({}, 2), classInfo({str("Error"), str("NSObject")})}),
+       archiveOf({str("$null"), arrayBody({}, 2), classInfo({str("Error"), str("NSObject")})}),
        "'Error' is not among the allowed"},
       {"table entry of the wrong type", archiveOf({str("$null"), Array::make()}), "wrong type"},
       {"date time of the wrong type",
@@ -373,15 +366,11 @@ TEST(KeyedArchive, CorruptArchivesDecodeToNil) {
 TEST(KeyedArchive, NestingIsBounded) {
   // 600 arrays each holding the next: refused when decoding, without exhausting the stack
   {
-    std::vector<Id> objects = {str("$null")};
     constexpr uint64_t kLevels = 600;
-    for (uint64_t i = 1; i <= kLevels; ++i) {
-      std::vector<Id> refs;
-      if (i < kLevels) refs.push_back(uid(i + 1));
-      objects.push_back(Dictionary::make(
-          {{str("NS.objects"), Array::make(std::move(refs))}, {str("$class"), uid(kLevels + 1)}}));
-    }
-    objects.push_back(classInfo({str("NSArray"), str("NSObject")}));
+    std::vector<Id> objects = {str("$null")};
+    for (uint64_t i = 1; i < kLevels; ++i) objects.push_back(arrayBody({uid(i + 1)}, kLevels + 1));
+    objects.push_back(arrayBody({}, kLevels + 1));
+    objects.push_back(arrayClass());
     Ref<Error> error;
     EXPECT_FALSE(decode(archiveOf(std::move(objects)).get(), &error));
     EXPECT_NE(error->description()->utf8().find("nested"), std::string::npos);
@@ -399,47 +388,45 @@ TEST(KeyedArchive, NestingIsBounded) {
   }
 }
 
-TEST(KeyedArchive, SharedObjectsCannotExpandWithoutBound) {
+TEST(KeyedArchive, SharedObjectsCannotMultiplyWork) {
   // 40 arrays, each holding the next one twice: 2^40 elements counted per path,
   // which equality and hashing would walk
-  constexpr uint64_t kLevels = 40;
-  std::vector<Id> objects = {str("$null")};
-  for (uint64_t i = 1; i <= kLevels; ++i) {
-    Id next = uid(i < kLevels ? i + 1 : kLevels + 1);
-    objects.push_back(Dictionary::make(
-        {{str("NS.objects"), Array::make({next, next})}, {str("$class"), uid(kLevels + 2)}}));
+  {
+    constexpr uint64_t kLevels = 40;
+    std::vector<Id> objects = {str("$null")};
+    for (uint64_t i = 1; i <= kLevels; ++i) {
+      Id next = uid(i + 1);  // the last one names the leaf
+      objects.push_back(arrayBody({next, next}, kLevels + 2));
+    }
+    objects.push_back(str("leaf"));
+    objects.push_back(arrayClass());
+    Ref<Error> error;
+    EXPECT_FALSE(decode(archiveOf(std::move(objects)).get(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_NE(reasonOf(error.get()).find("expand"), std::string::npos);
   }
-  objects.push_back(str("leaf"));
-  objects.push_back(classInfo({str("NSArray"), str("NSObject")}));
-  Ref<Error> error;
-  EXPECT_FALSE(decode(archiveOf(std::move(objects)).get(), &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(reasonOf(error.get()).find("expand"), std::string::npos);
-}
-
-TEST(KeyedArchive, SharedTablesCannotMultiplyWork) {
-  // A root of 2,000 arrays whose bodies all share one 2,000-element table: a small
-  // input that would expand to four million elements.
-  constexpr uint64_t kCount = 2000;
-  const uint64_t leaf = kCount + 2, arrayClass = kCount + 3;
-  std::vector<Id> rootRefs;
-  for (uint64_t i = 2; i < kCount + 2; ++i) rootRefs.push_back(uid(i));
-  auto shared = Array::make(std::vector<Id>(kCount, uid(leaf)));
-  std::vector<Id> objects = {str("$null"),
-                             Dictionary::make({{str("NS.objects"), Array::make(rootRefs)},
-                                               {str("$class"), uid(arrayClass)}})};
-  for (uint64_t i = 0; i < kCount; ++i) {
-    objects.push_back(
-        Dictionary::make({{str("NS.objects"), shared}, {str("$class"), uid(arrayClass)}}));
+  // a root of 2,000 arrays whose bodies all share one 2,000-element table: a small
+  // input that would expand to four million elements
+  {
+    constexpr uint64_t kCount = 2000;
+    const uint64_t leaf = kCount + 2, cls = kCount + 3;
+    std::vector<Id> rootRefs;
+    for (uint64_t i = 2; i < kCount + 2; ++i) rootRefs.push_back(uid(i));
+    std::vector<Id> objects = {str("$null"), arrayBody(std::move(rootRefs), cls)};
+    // one table instance, so the property list stores it once
+    auto shared = Array::make(std::vector<Id>(kCount, uid(leaf)));
+    for (uint64_t i = 0; i < kCount; ++i) {
+      objects.push_back(Dictionary::make({{str("NS.objects"), shared}, {str("$class"), uid(cls)}}));
+    }
+    objects.push_back(str("leaf"));
+    objects.push_back(arrayClass());
+    auto data = archiveOf(std::move(objects));
+    ASSERT_LT(data->length(), 100000u);
+    Ref<Error> error;
+    EXPECT_FALSE(decode(data.get(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_NE(error->description()->utf8().find("size"), std::string::npos);
   }
-  objects.push_back(str("leaf"));
-  objects.push_back(classInfo({str("NSArray"), str("NSObject")}));
-  auto data = archiveOf(std::move(objects));
-  ASSERT_LT(data->length(), 100000u);
-  Ref<Error> error;
-  EXPECT_FALSE(decode(data.get(), &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->description()->utf8().find("size"), std::string::npos);
 }
 
 }  // namespace
