@@ -155,20 +155,7 @@ std::string methodPrefix(const Object* self, const char* method) {
 Ref<Dictionary> Dictionary::make() { return Ref<Dictionary>::adopt(new Dictionary()); }
 
 Ref<Dictionary> Dictionary::make(std::initializer_list<std::pair<Id, Id>> entries) {
-  auto dict = Ref<Dictionary>::adopt(new Dictionary());
-  dict->table_.reserve(entries.size());
-  size_t i = 0;
-  for (const auto& [key, value] : entries) {
-    if (!key || !value) {
-      Exception::raise(kInvalidArgumentException,
-                       methodPrefix(dict.get(), "initWithObjects:forKeys:count:") +
-                           "attempt to insert nil " + (value ? "key" : "object") + " from " +
-                           (value ? "keys[" : "objects[") + std::to_string(i) + "]");
-    }
-    dict->set(value, key.get(), "initWithObjects:forKeys:count:");
-    ++i;
-  }
-  return dict;
+  return make(std::vector<std::pair<Id, Id>>(entries));
 }
 
 Ref<Dictionary> Dictionary::make(const std::vector<std::pair<Id, Id>>& entries) {
