@@ -110,24 +110,23 @@ inline bool shortestDecimal(double d, Decimal& out) noexcept {
     up = vr == vm || roundUp;
   } else {
     unsigned lastRemoved = 0;
-    while (vp / 10 > vm / 10) {
-      vmTrailingZeros &= vm % 10 == 0;
-      vrTrailingZeros &= lastRemoved == 0;
+    const auto dropDigit = [&] {
       lastRemoved = static_cast<unsigned>(vr % 10);
       vr /= 10;
       vp /= 10;
       vm /= 10;
       ++removed;
+    };
+    while (vp / 10 > vm / 10) {
+      vmTrailingZeros &= vm % 10 == 0;
+      vrTrailingZeros &= lastRemoved == 0;
+      dropDigit();
     }
     if (vmTrailingZeros) {
       // The lower bound itself qualifies: drop the zeros it still ends with.
       while (vm % 10 == 0) {
         vrTrailingZeros &= lastRemoved == 0;
-        lastRemoved = static_cast<unsigned>(vr % 10);
-        vr /= 10;
-        vp /= 10;
-        vm /= 10;
-        ++removed;
+        dropDigit();
       }
     }
     // An exact half rounds to even.
