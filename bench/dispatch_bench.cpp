@@ -7,6 +7,8 @@
 //   Hop/*         one-way latency from a submission to the task starting on a thread
 //                 that was asleep; beside a raw futex wake (or, for the main loop, a bare
 //                 g_main_context_wakeup)
+//   Hop/Paired    the raw, global-queue and serial-queue hops taken in turn within each
+//                 iteration, so that their ratios hold on a machine whose load drifts
 #include <benchmark/benchmark.h>
 #include <glib.h>
 #include <linux/futex.h>
@@ -209,15 +211,18 @@ int64_t nowNs() {
       .count();
 }
 
+int64_t median(std::vector<int64_t>& v) {
+  std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
+  return v[v.size() / 2];
+}
+
 // Records one hop; on a busy machine the mean is at the mercy of preemptions, so the
 // median is reported too.
 class HopSamples {
  public:
   explicit HopSamples(benchmark::State& state) : state_(state) { samples_.reserve(kHopIterations); }
   ~HopSamples() {
-    if (samples_.empty()) return;
-    std::nth_element(samples_.begin(), samples_.begin() + samples_.size() / 2, samples_.end());
-    state_.counters["p50_ns"] = static_cast<double>(samples_[samples_.size() / 2]);
+    if (!samples_.empty()) state_.counters["p50_ns"] = static_cast<double>(median(samples_));
   }
   void add(int64_t ns) {
     samples_.push_back(ns);
@@ -229,46 +234,92 @@ class HopSamples {
   std::vector<int64_t> samples_;
 };
 
-void BM_Hop_RawFutex(benchmark::State& state) {
-  Event ping, pong;
-  std::atomic<int64_t> arrived{0};
-  std::atomic<bool> quit{false};
-  HopSamples samples(state);
-  std::thread partner([&] {
-    for (;;) {
-      ping.wait();
-      arrived.store(nowNs(), std::memory_order_relaxed);
-      if (quit.load()) return;
-      pong.set();
-    }
-  });
-  for (auto _ : state) {
+// A thread that wakes on a futex and stamps the time: the floor of every hop.
+class RawPartner {
+ public:
+  RawPartner() : thread_([this] { run(); }) {}
+  ~RawPartner() {
+    quit_ = true;
+    ping_.set();
+    thread_.join();
+  }
+  RawPartner(const RawPartner&) = delete;
+  RawPartner& operator=(const RawPartner&) = delete;
+
+  // Lets the partner fall asleep, then times one wake-up.
+  int64_t hop() {
     std::this_thread::sleep_for(kFallAsleep);
     int64_t sent = nowNs();
-    ping.set();
-    pong.wait();
-    samples.add(arrived.load(std::memory_order_relaxed) - sent);
+    ping_.set();
+    pong_.wait();
+    return arrived_.load(std::memory_order_relaxed) - sent;
   }
-  quit = true;
-  ping.set();
-  partner.join();
+
+ private:
+  void run() {
+    for (;;) {
+      ping_.wait();
+      arrived_.store(nowNs(), std::memory_order_relaxed);
+      if (quit_.load()) return;
+      pong_.set();
+    }
+  }
+
+  Event ping_, pong_;
+  std::atomic<int64_t> arrived_{0};
+  std::atomic<bool> quit_{false};
+  std::thread thread_;  // last: it uses the members above as soon as it starts
+};
+
+// Lets the peer's threads fall asleep, then times one task from submission to start.
+template <class PeerT>
+int64_t hopOnce(PeerT& p) {
+  Event pong;
+  std::atomic<int64_t> arrived{0};
+  std::this_thread::sleep_for(kFallAsleep);
+  int64_t sent = nowNs();
+  p.post([&] {
+    arrived.store(nowNs(), std::memory_order_relaxed);
+    pong.set();
+  });
+  pong.wait();
+  return arrived.load(std::memory_order_relaxed) - sent;
+}
+
+void BM_Hop_RawFutex(benchmark::State& state) {
+  RawPartner partner;
+  HopSamples samples(state);
+  for (auto _ : state) samples.add(partner.hop());
 }
 
 template <class PeerT>
 void hopBench(benchmark::State& state, PeerT& p) {
-  Event pong;
-  std::atomic<int64_t> arrived{0};
   HopSamples samples(state);
+  for (auto _ : state) samples.add(hopOnce(p));
+}
+
+// The comparison the queues are held to, with the drift of a shared machine taken out:
+// each iteration times a raw futex hop, a global-queue hop and a serial-queue hop back
+// to back, so that a change of host load reaches all three alike. Reports the medians
+// and the queue medians over the raw one.
+void BM_Hop_Paired(benchmark::State& state) {
+  RawPartner raw;
+  std::vector<int64_t> rawNs, globalNs, serialNs;
   for (auto _ : state) {
-    std::this_thread::sleep_for(kFallAsleep);
-    int64_t sent = nowNs();
-    p.post([&] {
-      arrived.store(nowNs(), std::memory_order_relaxed);
-      pong.set();
-    });
-    pong.wait();
-    samples.add(arrived.load(std::memory_order_relaxed) - sent);
+    rawNs.push_back(raw.hop());
+    globalNs.push_back(hopOnce(nkGlobal()));
+    serialNs.push_back(hopOnce(nkSerial()));
+    state.SetIterationTime(static_cast<double>(rawNs.back() + globalNs.back() + serialNs.back()) *
+                           1e-9);
   }
+  const auto r = static_cast<double>(median(rawNs));
+  const auto g = static_cast<double>(median(globalNs));
+  const auto s = static_cast<double>(median(serialNs));
+  state.counters["raw_p50_ns"] = r;
+  state.counters["global_p50_ns"] = g;
+  state.counters["serial_p50_ns"] = s;
+  state.counters["global_over_raw"] = g / r;
+  state.counters["serial_over_raw"] = s / r;
 }
 
 void BM_Hop_NkGlobal(benchmark::State& s) { hopBench(s, nkGlobal()); }
@@ -419,6 +470,7 @@ BENCHMARK(BM_Throughput_NkMain)->UseManualTime();
 BENCHMARK(BM_Throughput_GIdleAdd)->UseManualTime();
 
 BENCHMARK(BM_Hop_RawFutex)->UseManualTime()->Iterations(kHopIterations);
+BENCHMARK(BM_Hop_Paired)->UseManualTime()->Iterations(kHopIterations);
 BENCHMARK(BM_Hop_NkGlobal)->UseManualTime()->Iterations(kHopIterations);
 BENCHMARK(BM_Hop_NkSerial)->UseManualTime()->Iterations(kHopIterations);
 BENCHMARK(BM_Hop_AsioThreadPool)->UseManualTime()->Iterations(kHopIterations);
