@@ -7,30 +7,13 @@
 
 namespace nk::promise_internal {
 
-void PRMLock::lockSlow() noexcept {
+void PRMLock::acquireSlow(bool shared) noexcept {
   for (;;) {
     uint32_t v = word_.load(std::memory_order_relaxed);
-    if ((v & ~kSleepers) == 0) {
-      // Free: take it, keeping the sleeper bit, since others may still sleep.
-      if (word_.compare_exchange_weak(v, v | kWriter, std::memory_order_acquire,
-                                      std::memory_order_relaxed)) {
-        return;
-      }
-      continue;
-    }
-    if (!(v & kSleepers) &&
-        !word_.compare_exchange_weak(v, v | kSleepers, std::memory_order_relaxed)) {
-      continue;
-    }
-    dispatch_internal::futexWait(&word_, v | kSleepers);
-  }
-}
-
-void PRMLock::lockSharedSlow() noexcept {
-  for (;;) {
-    uint32_t v = word_.load(std::memory_order_relaxed);
-    if (!(v & kWriter)) {
-      if (word_.compare_exchange_weak(v, v + 1, std::memory_order_acquire,
+    // A reader needs no writer inside; a writer needs nobody inside, and keeps the
+    // sleeper bit, since others may still sleep.
+    if (shared ? !(v & kWriter) : (v & ~kSleepers) == 0) {
+      if (word_.compare_exchange_weak(v, shared ? v + 1 : v | kWriter, std::memory_order_acquire,
                                       std::memory_order_relaxed)) {
         return;
       }

@@ -22,7 +22,7 @@ class PRMLock {
                                       std::memory_order_relaxed)) {
       return;
     }
-    lockSlow();
+    acquireSlow(false);
   }
 
   void unlock() noexcept {
@@ -35,7 +35,7 @@ class PRMLock {
                                                       std::memory_order_relaxed)) {
       return;
     }
-    lockSharedSlow();
+    acquireSlow(true);
   }
 
   void unlockShared() noexcept {
@@ -51,8 +51,7 @@ class PRMLock {
   static constexpr uint32_t kSleepers = 1u << 30;
 
   // Out of line: the sleeping paths.
-  void lockSlow() noexcept;
-  void lockSharedSlow() noexcept;
+  void acquireSlow(bool shared) noexcept;
   void wakeAll() noexcept;
 
   std::atomic<uint32_t> word_{0};
