@@ -1,12 +1,16 @@
-// Tests of the per-thread block pool: blocks come back by size class in the
-// order they were freed, and the value objects give back blocks of the size they
-// took (a wrong size would hand a short block to a longer object). Each test runs
-// on a thread of its own, whose lists start empty.
+// Tests of the block pool: a page hands out its blocks in address order and
+// starts again once they are all back, whatever order they were freed in; blocks
+// freed on other threads, or after their thread ended, come back to their page;
+// and the value objects give back blocks of the size they took (a wrong size
+// would hand a short block to a longer object). Most tests run on a thread of
+// their own, whose pages start empty when the test runs in a process of its own.
 #include "nk/foundation/block_pool.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,22 +28,57 @@ void onFreshThread(F body) {
   std::thread(body).join();
 }
 
-TEST(BlockPool, ReusesBlocksByClass) {
+// Allocates `count` blocks and fills each with a byte of its own.
+std::vector<void*> allocateAll(size_t count, size_t bytes) {
+  std::vector<void*> blocks(count);
+  for (size_t i = 0; i < count; ++i) {
+    blocks[i] = block_pool::allocate(bytes);
+    std::memset(blocks[i], static_cast<int>(i % 251), bytes);
+  }
+  return blocks;
+}
+
+// Whether every block still holds its own byte: no two were handed out at once.
+void expectIntact(const std::vector<void*>& blocks, size_t bytes) {
+  for (size_t i = 0; i < blocks.size(); ++i) {
+    const auto* b = static_cast<const unsigned char*>(blocks[i]);
+    ASSERT_TRUE(std::all_of(b, b + bytes, [&](unsigned char c) { return c == i % 251; })) << i;
+  }
+}
+
+void freeAll(const std::vector<void*>& blocks, size_t bytes) {
+  for (void* b : blocks) block_pool::deallocate(b, bytes);
+}
+
+// Steps from one block to a block that does not follow it directly.
+size_t jumps(const std::vector<void*>& blocks, size_t bytes) {
+  size_t n = 0;
+  for (size_t i = 1; i < blocks.size(); ++i) {
+    n += static_cast<char*>(blocks[i]) != static_cast<char*>(blocks[i - 1]) + bytes;
+  }
+  return n;
+}
+
+TEST(BlockPool, HandsOutBlocksInAddressOrder) {
   if (!block_pool::pooling())
     GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
   onFreshThread([] {
-    {  // blocks of a class come back in the order they were freed
-      void* a = block_pool::allocate(40);
-      void* b = block_pool::allocate(40);
-      block_pool::deallocate(a, 40);
-      block_pool::deallocate(b, 40);
-      EXPECT_EQ(block_pool::allocate(36), a);  // same 8-byte class
-      EXPECT_EQ(block_pool::allocate(33), b);
-      block_pool::deallocate(b, 40);
-      block_pool::deallocate(a, 40);
-      EXPECT_EQ(block_pool::allocate(40), b);
-      EXPECT_EQ(block_pool::allocate(40), a);
-      EXPECT_EQ(block_pool::cachedBytes(), 0u);
+    {  // freed in any order, a page starts again from its first block
+      const auto first = allocateAll(20'000, 24);  // about eight pages
+      EXPECT_LT(jumps(first, 24), 10u);
+      auto shuffled = first;
+      std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+      freeAll(shuffled, 24);
+      const auto again = allocateAll(first.size(), 17);  // same 8-byte class
+      EXPECT_LT(jumps(again, 24), 10u);
+      expectIntact(again, 17);
+      freeAll(again, 24);
+    }
+    {  // a block freed while others are out is the next one handed out
+      const auto blocks = allocateAll(3, 64);
+      block_pool::deallocate(blocks[1], 64);
+      EXPECT_EQ(block_pool::allocate(64), blocks[1]);
+      freeAll(blocks, 64);
     }
     {  // other classes do not take it
       void* a = block_pool::allocate(64);
@@ -50,7 +89,6 @@ TEST(BlockPool, ReusesBlocksByClass) {
       EXPECT_NE(large, a);
       block_pool::deallocate(small, 24);
       block_pool::deallocate(large, 72);
-      block_pool::deallocate(block_pool::allocate(64), 64);
     }
     {  // blocks above the largest class are plain heap blocks, freed at once
       const size_t cached = block_pool::cachedBytes();
@@ -67,23 +105,94 @@ TEST(BlockPool, KeepsABoundedCache) {
     GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
   onFreshThread([] {
     {  // a burst of frees is kept only up to the bound, and trim gives it back
-      std::vector<void*> blocks(140'000);  // 70 MB
-      for (void*& b : blocks) b = block_pool::allocate(512);
-      for (void* b : blocks) block_pool::deallocate(b, 512);
+      const auto blocks = allocateAll(140'000, 512);  // 70 MB
+      freeAll(blocks, 512);
       EXPECT_GE(block_pool::cachedBytes(), size_t{32} << 20);
-      EXPECT_LE(block_pool::cachedBytes(), (size_t{64} << 20) + 512);
+      EXPECT_LE(block_pool::cachedBytes(), size_t{64} << 20);
       block_pool::trim();
       EXPECT_EQ(block_pool::cachedBytes(), 0u);
+      // The pages given back are used again.
+      const auto again = allocateAll(20'000, 512);
+      expectIntact(again, 512);
+      freeAll(again, 512);
     }
     {  // a little is kept through a trim
-      void* b = block_pool::allocate(100);
-      block_pool::deallocate(b, 100);
       block_pool::trim();
-      EXPECT_EQ(block_pool::cachedBytes(), 104u);
-      EXPECT_EQ(block_pool::allocate(100), b);
-      block_pool::deallocate(b, 100);
+      block_pool::deallocate(block_pool::allocate(100), 100);
+      const size_t cached = block_pool::cachedBytes();
+      EXPECT_GT(cached, 0u);
+      block_pool::trim();
+      EXPECT_EQ(block_pool::cachedBytes(), cached);
     }
   });
+}
+
+TEST(BlockPool, BlocksFreedElsewhereComeBackToTheirPage) {
+  if (!block_pool::pooling())
+    GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
+  onFreshThread([] {
+    constexpr size_t kCount = 50'000;  // about 37 pages
+    constexpr long kPages = kCount * 48 / (64 << 10);
+    // Pages that came back empty once the thread runs out of room in a page and
+    // takes the remote frees in.
+    auto takeIn = [] {
+      const auto before = static_cast<long>(block_pool::cachedBytes());
+      const auto page = allocateAll(1400, 48);  // more than a page
+      const auto after = static_cast<long>(block_pool::cachedBytes());
+      freeAll(page, 48);
+      return (after - before) >> 16;
+    };
+    auto blocks = allocateAll(kCount, 48);
+    std::thread([&] { freeAll(blocks, 48); }).join();
+    EXPECT_GE(takeIn(), kPages - 3);
+
+    blocks = allocateAll(kCount, 48);
+    std::vector<std::thread> freers;
+    for (size_t t = 0; t < 4; ++t) {
+      freers.emplace_back([&, t] {
+        for (size_t i = t; i < kCount; i += 4) block_pool::deallocate(blocks[i], 48);
+      });
+    }
+    for (auto& f : freers) f.join();
+    EXPECT_GE(takeIn(), kPages - 3);
+  });
+}
+
+// Allocates and frees in its destructor, which runs after the pool has given up
+// the heap of its thread.
+struct AllocatesAtThreadEnd {
+  ~AllocatesAtThreadEnd() {
+    const auto blocks = allocateAll(5000, 200);
+    expectIntact(blocks, 200);
+    freeAll(blocks, 200);
+    block_pool::deallocate(kept, 32);
+  }
+  void* kept = nullptr;
+};
+
+TEST(BlockPool, ThreadsEndWithBlocksOut) {
+  // Made on a thread that ends before they are freed, here; made by a thread after
+  // its heap was given up; and the heap of an ended thread taken over by the next.
+  std::vector<void*> orphans;
+  std::thread([&] {
+    thread_local AllocatesAtThreadEnd late;
+    orphans = allocateAll(3000, 128);
+    late.kept = block_pool::allocate(32);
+  }).join();
+  std::vector<void*> adopted;
+  std::thread([&] {
+    const auto blocks = allocateAll(3000, 128);
+    expectIntact(orphans, 128);
+    freeAll(blocks, 128);
+    adopted = allocateAll(2000, 64);
+  }).join();
+  expectIntact(orphans, 128);
+  freeAll(orphans, 128);
+  const auto after = allocateAll(6000, 128);
+  expectIntact(adopted, 64);
+  freeAll(adopted, 64);
+  expectIntact(after, 128);
+  freeAll(after, 128);
 }
 
 TEST(BlockPool, ObjectsReturnTheSizeTheyTook) {
