@@ -40,8 +40,6 @@ TEST(OperationQueue, RespectsTheConcurrencyCap) {
 
 TEST(OperationQueue, ZeroHoldsOperationsBackUntilRaised) {
   OperationQueue queue;
-  EXPECT_EQ(queue.maxConcurrentOperationCount(),
-            OperationQueue::kDefaultMaxConcurrentOperationCount);
   EXPECT_EQ(queue.name().rfind("OperationQueue 0x", 0), 0u) << queue.name();
   queue.setMaxConcurrentOperationCount(0);
   std::atomic<int> ran{0};

@@ -1,5 +1,5 @@
 // Tests of NKGlobalUtils: e-mail syntax, time, version tests, device names from a
-// machine-info fixture, the cached flags, the zone-service flag, images and method exchange.
+// machine-info fixture, the cached flags, the zone-service flag and method exchange.
 
 #include "nk/environment/global_utils.hpp"
 
@@ -24,49 +24,38 @@ using test::writeFile;
 
 Ref<String> S(std::string_view utf8) { return String::fromUTF8(utf8); }
 
-TEST(NKGlobalUtils, EmailAddresses) {
-  // Purely syntactic: leading and consecutive dots pass.
-  for (const char* text : {"a.b+c@host.example", "x@y.co",
-                           "first_last%tag-1@sub-domain.example.org", ".a@b.cd", "a..b@c..de"}) {
+TEST(NKGlobalUtils, SmallAnswers) {
+  // E-mail syntax: leading and consecutive dots pass; the match covers the whole string,
+  // a trailing line end included; ASCII only.
+  for (const char* text : {"a.b+c@host.example", "a..b@c..de"}) {
     EXPECT_TRUE(NKGlobalUtils::isValidEmailAddress(S(text).get())) << text;
   }
-  // Malformed; then the match must cover the whole string, trailing line ends included;
-  // then ASCII only: internationalised addresses are rejected.
   for (const char* text :
-       {"", "a@b", "a@b.c", "a b@c.de", "a@b.c1", "a@@b.cd", "@b.cd", "x@y.co\n", " x@y.co",
-        "jos\xC3\xA9@example.com", "a@b\xC3\xBC.de", "a@b.d\xC3\xA9"}) {
+       {"", "a@b.c", "a@b.c1", "a@@b.cd", "x@y.co\n", " x@y.co", "jos\xC3\xA9@example.com"}) {
     EXPECT_FALSE(NKGlobalUtils::isValidEmailAddress(S(text).get())) << text;
   }
   EXPECT_FALSE(NKGlobalUtils::isValidEmailAddress(nullptr));
-}
-
-TEST(NKGlobalUtils, NowUnixTime) {
-  const time_t before = ::time(nullptr);
-  const int64_t now = NKGlobalUtils::getNowUnixTime();
-  const time_t after = ::time(nullptr);
-  EXPECT_GE(now, static_cast<int64_t>(before));
-  EXPECT_LE(now, static_cast<int64_t>(after));
-}
-
-TEST(NKGlobalUtils, OperatingSystemVersionTests) {
-  const OperatingSystemVersion own = ProcessInfo::processInfo()->operatingSystemVersion();
-  auto check = [](const OperatingSystemVersion& v, bool atLeast) {
-    EXPECT_EQ(NKGlobalUtils::isOSGreaterThan(v), atLeast)
-        << v.majorVersion << "." << v.minorVersion << "." << v.patchVersion;
-    EXPECT_EQ(NKGlobalUtils::isOSLessThan(v), !atLeast)
-        << v.majorVersion << "." << v.minorVersion << "." << v.patchVersion;
-  };
-  // The running version itself: "greater" is an at-least test.
-  check(own, true);
-  // One step later in each part.
-  check({own.majorVersion, own.minorVersion, own.patchVersion + 1}, false);
-  check({own.majorVersion, own.minorVersion + 1, 0}, false);
-  check({own.majorVersion + 1, 0, 0}, false);
-  {  // earlier versions; the major part decides before the others
-    check({own.majorVersion - 1, 999, 999}, true);
-    check({0, 0, 0}, true);
-    if (own.patchVersion > 0)
-      check({own.majorVersion, own.minorVersion, own.patchVersion - 1}, true);
+  // "beta" counts at the end only, in any case.
+  for (const char* id : {"com.example.App-BETA", "com.example.AppBeta"}) {
+    EXPECT_TRUE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
+  }
+  for (const char* id : {"com.example.beta.app", "com.example.betas", ""}) {
+    EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
+  }
+  EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
+  {  // whole seconds of the wall clock
+    const time_t before = ::time(nullptr);
+    const int64_t now = NKGlobalUtils::getNowUnixTime();
+    EXPECT_GE(now, static_cast<int64_t>(before));
+    EXPECT_LE(now, static_cast<int64_t>(::time(nullptr)));
+  }
+  {  // the version tests: "greater" is an at-least test, "less" its negation
+    const OperatingSystemVersion own = ProcessInfo::processInfo()->operatingSystemVersion();
+    const OperatingSystemVersion later{own.majorVersion, own.minorVersion, own.patchVersion + 1};
+    EXPECT_TRUE(NKGlobalUtils::isOSGreaterThan(own));
+    EXPECT_FALSE(NKGlobalUtils::isOSLessThan(own));
+    EXPECT_FALSE(NKGlobalUtils::isOSGreaterThan(later));
+    EXPECT_TRUE(NKGlobalUtils::isOSLessThan(later));
   }
 }
 
@@ -78,30 +67,13 @@ TEST(NKGlobalUtils, DeviceNames) {
     EXPECT_EQ(NKGlobalUtils::getFriendlyDeviceName()->utf8(), name);
     EXPECT_EQ(NKGlobalUtils::getDeviceNameForRemote()->utf8(), name);
   };
-  // A named computer, trimmed.
   writeFile(info, "PRETTY_HOSTNAME=\"  Studio \"\n");
   expectName("Studio (Velmont Files for Mac)");
   // A name that is blank once trimmed counts as no name. (The platform layer already
   // replaces a name of ASCII blanks by the host name, so the fixture uses an
-  // ideographic space and an object-replacement character, which trimming removes.)
-  for (const char* blank :
-       {"PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n", "PRETTY_HOSTNAME=\" \xEF\xBF\xBC\"\n"}) {
-    writeFile(info, blank);
-    expectName("Unknown Device Name (Velmont Files for Mac)");
-  }
-  // The model is fixed.
-  EXPECT_EQ(NKGlobalUtils::getFriendlyModel()->utf8(), "Mac");
-}
-
-TEST(NKGlobalUtils, BetaIdentifiers) {
-  // "beta" counts at the end only, in any case.
-  for (const char* id : {"com.example.App-BETA", "com.example.app.beta", "com.example.AppBeta"}) {
-    EXPECT_TRUE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
-  }
-  for (const char* id : {"com.example.beta.app", "com.example.betas", ""}) {
-    EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
-  }
-  EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
+  // ideographic space, which trimming removes.)
+  writeFile(info, "PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n");
+  expectName("Unknown Device Name (Velmont Files for Mac)");
 }
 
 // Runs `f` on several threads released together and returns every answer.
@@ -138,10 +110,8 @@ TEST(NKGlobalUtils, BetaAppIsReadOnceFromTheMainBundle) {
       EXPECT_TRUE(answer);
     }
   }
-  {  // a later change of bundle is not seen
-    ScopedEnv env("NK_MAIN_BUNDLE", dir / "release");
-    EXPECT_TRUE(NKGlobalUtils::isBetaApp());
-  }
+  ScopedEnv env("NK_MAIN_BUNDLE", dir / "release");
+  EXPECT_TRUE(NKGlobalUtils::isBetaApp()) << "a later change of bundle must not be seen";
 }
 
 // The only test in this binary that calls areLeftToRightHacksNeeded.
@@ -158,10 +128,8 @@ TEST(NKGlobalUtils, RightToLeftFlagIsReadOnce) {
       EXPECT_EQ(answer, expected);
     }
   }
-  {  // switching to a left-to-right language later changes nothing
-    ScopedEnv lang("LANG", "en_US.UTF-8");
-    EXPECT_EQ(NKGlobalUtils::areLeftToRightHacksNeeded(), expected);
-  }
+  ScopedEnv lang("LANG", "en_US.UTF-8");
+  EXPECT_EQ(NKGlobalUtils::areLeftToRightHacksNeeded(), expected) << "changed after the first call";
 }
 
 bool zone(std::initializer_list<Id> names) {
@@ -170,41 +138,16 @@ bool zone(std::initializer_list<Id> names) {
 
 TEST(NKGlobalUtils, CloudNativeProtocolFlag) {
   // Surrounding whitespace is trimmed; position in the list does not matter.
-  EXPECT_TRUE(zone({S(" SupportCloudNativeProtocol\n")}));
-  EXPECT_TRUE(zone({S("Other"), S("\tSupportCloudNativeProtocol")}));
-  // Exact and case-sensitive; empty and nil lists.
-  for (const char* name : {"supportcloudnativeprotocol", "Support CloudNativeProtocol",
-                           "SupportCloudNativeProtocolV2"}) {
-    EXPECT_FALSE(zone({S(name)})) << name;
-  }
-  EXPECT_FALSE(zone({}));
+  EXPECT_TRUE(zone({S("Other"), S("\tSupportCloudNativeProtocol\n")}));
+  // Exact and case-sensitive.
+  EXPECT_FALSE(zone({S("supportcloudnativeprotocol")}));
+  EXPECT_FALSE(zone({S("SupportCloudNativeProtocolV2")}));
   EXPECT_FALSE(NKGlobalUtils::isCloudNativeProtocolSupportedInZoneServices(nullptr));
   // An element that is not a string is refused, even after a match.
   EXPECT_THROW(zone({S("SupportCloudNativeProtocol"), Array::make()}), ThrownObject);
 }
 
-TEST(NKGlobalUtils, ImageWithData) {
-  // A 1×1 RGB PNG of colour (10, 20, 30).
-  const uint8_t png[] = {0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x00, 0x00, 0x00, 0x0d,
-                         0x49, 0x48, 0x44, 0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01,
-                         0x08, 0x02, 0x00, 0x00, 0x00, 0x90, 0x77, 0x53, 0xde, 0x00, 0x00, 0x00,
-                         0x0c, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9c, 0x63, 0xe0, 0x12, 0x91, 0x03,
-                         0x00, 0x00, 0x68, 0x00, 0x3d, 0x54, 0x08, 0xa3, 0xf7, 0x00, 0x00, 0x00,
-                         0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
-  {  // a readable image
-    Ref<Image> image = NKGlobalUtils::imageWithData(Data::fromBytes(png, sizeof png).get());
-    ASSERT_TRUE(image);
-    EXPECT_EQ(image->width(), 1);
-    EXPECT_EQ(image->height(), 1);
-  }
-  // Truncated, foreign and missing bytes give nil.
-  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes(png, 30).get()));
-  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::fromBytes("not an image", 12).get()));
-  EXPECT_FALSE(NKGlobalUtils::imageWithData(Data::empty().get()));
-  EXPECT_FALSE(NKGlobalUtils::imageWithData(nullptr));
-}
-
-// Implementations for the method-exchange tests; each returns its own tag.
+// Implementations for the method-exchange test; each returns its own tag.
 int baseOld(Object*) { return 1; }
 int subOld(Object*) { return 2; }
 int subNew(Object*) { return 3; }
@@ -224,23 +167,20 @@ int callClass(Class& cls, const char* name) {
   return m ? reinterpret_cast<int (*)(const Class&)>(m->implementation())(cls) : 0;
 }
 
-// A new class each time, so the tests can be repeated in one process.
+// A new class each time, so the test can be repeated in one process.
 Class& newClass(const char* stem, const Class& superclass) {
   static std::atomic<int> serial{0};
   return Class::registerClass(std::string(stem) + std::to_string(++serial), &superclass);
 }
 
-TEST(NKGlobalUtils, SwizzleOfInstanceMethods) {
-  {  // each name now runs the other's code; a second exchange undoes the first
+TEST(NKGlobalUtils, Swizzle) {
+  {  // own instance methods: each name now runs the other's code
     Class& cls = newClass("EnvSwizzleOwn", Object::staticClass());
     cls.addMethod("greet", imp(subOld), "i16@0:8");
     cls.addMethod("nk_greet", imp(subNew), "i16@0:8");
     NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
     EXPECT_EQ(call(cls, "greet"), 3);
     EXPECT_EQ(call(cls, "nk_greet"), 2);
-    NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
-    EXPECT_EQ(call(cls, "greet"), 2);
-    EXPECT_EQ(call(cls, "nk_greet"), 3);
   }
   {  // an inherited method: the subclass gets its own copy, the superclass is left alone
     Class& base = newClass("EnvSwizzleBase", Object::staticClass());
@@ -255,9 +195,6 @@ TEST(NKGlobalUtils, SwizzleOfInstanceMethods) {
     EXPECT_EQ(call(base, "greet"), 1);
     EXPECT_EQ(base.ownMethod("nk_greet"), nullptr);
   }
-}
-
-TEST(NKGlobalUtils, SwizzleFallsBackToClassMethods) {
   {  // neither name is an instance method: the class methods are exchanged
     Class& cls = newClass("EnvSwizzleMeta", Object::staticClass());
     cls.metaclass().addMethod("make", imp(classOld), "@16@0:8");
@@ -266,16 +203,6 @@ TEST(NKGlobalUtils, SwizzleFallsBackToClassMethods) {
     EXPECT_EQ(callClass(cls, "make"), 5);
     EXPECT_EQ(callClass(cls, "nk_make"), 4);
     EXPECT_EQ(cls.ownMethod("make"), nullptr);
-  }
-  {  // an inherited class method is copied into the subclass's metaclass only
-    Class& base = newClass("EnvSwizzleMetaBase", Object::staticClass());
-    base.metaclass().addMethod("make", imp(classOld), "@16@0:8");
-    Class& sub = newClass("EnvSwizzleMetaSub", base);
-    sub.metaclass().addMethod("nk_make", imp(classNew), "@16@0:8");
-    NKGlobalUtils::swizzleWithClass("make", "nk_make", sub);
-    EXPECT_EQ(callClass(sub, "make"), 5);
-    EXPECT_EQ(callClass(sub, "nk_make"), 4);
-    EXPECT_EQ(callClass(base, "make"), 4);
   }
   {  // one instance method found is enough to keep to instance methods
     Class& cls = newClass("EnvSwizzleMixed", Object::staticClass());

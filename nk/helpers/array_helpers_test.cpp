@@ -70,7 +70,6 @@ TEST(ArrayMap, SkipStopAndCopy) {
     return e;
   });
   EXPECT_EQ(ints(head), (std::vector<int>{1, 2}));
-  EXPECT_EQ(vnk_map(a.get(), [](const Id&, size_t, bool*) { return Id(); })->count(), 0u);
   // No callable: an immutable copy equal to the receiver, also of a mutable one.
   auto m = MutableArray::make({N(5)});
   const Ref<Array> copy = vnk_map(m.get(), nullptr);
@@ -80,47 +79,38 @@ TEST(ArrayMap, SkipStopAndCopy) {
   EXPECT_EQ(vnk_map(nullptr, nullptr), nullptr);
 }
 
-TEST(ArrayFilter, PredicateNamesWhatIsRemoved) {
+TEST(ArrayHelpers, FilterTransformReverseFlatten) {
   const Ref<Array> a = numbers({1, 2, 3, 4});
-  const Ref<Array> kept =
-      vnk_filter(a.get(), [](const Id& e) { return cast<Number>(e)->intValue() % 2 == 0; });
-  EXPECT_EQ(ints(kept), (std::vector<int>{1, 3}));
-  EXPECT_EQ(vnk_filter(a.get(), [](const Id&) { return false; })->count(), 4u);
-  EXPECT_THROW(vnk_filter(a.get(), nullptr), ThrownObject);
-  EXPECT_EQ(vnk_filter(nullptr, [](const Id&) { return true; }), nullptr);
-}
-
-TEST(ArrayTransform, ValueTransformer) {
-  const Ref<Array> a = Array::make({N(1), NK_STR("x"), N(3)});
-  const auto doubler = make<Doubler>();
-  EXPECT_EQ(ints(vnk_transform(a.get(), doubler.get())), (std::vector<int>{2, 6}));
-  // No transformer, or nothing to transform: the receiver itself.
-  EXPECT_EQ(vnk_transform(a.get(), nullptr), a);
-  const Ref<Array> empty = Array::make();
-  EXPECT_EQ(vnk_transform(empty.get(), doubler.get()), empty);
-  EXPECT_EQ(vnk_transform(nullptr, doubler.get()), nullptr);
-}
-
-TEST(ArrayReverseAndFlatten, Order) {
+  {  // the filter's predicate names what is removed; an empty one raises
+    const Ref<Array> kept =
+        vnk_filter(a.get(), [](const Id& e) { return cast<Number>(e)->intValue() % 2 == 0; });
+    EXPECT_EQ(ints(kept), (std::vector<int>{1, 3}));
+    EXPECT_THROW(vnk_filter(a.get(), nullptr), ThrownObject);
+    EXPECT_EQ(vnk_filter(nullptr, [](const Id&) { return true; }), nullptr);
+  }
+  {  // a transformer drops nil results; no transformer or nothing to transform: the receiver
+    const Ref<Array> mixed = Array::make({N(1), NK_STR("x"), N(3)});
+    const auto doubler = make<Doubler>();
+    EXPECT_EQ(ints(vnk_transform(mixed.get(), doubler.get())), (std::vector<int>{2, 6}));
+    EXPECT_EQ(vnk_transform(mixed.get(), nullptr), mixed);
+    const Ref<Array> empty = Array::make();
+    EXPECT_EQ(vnk_transform(empty.get(), doubler.get()), empty);
+  }
   EXPECT_EQ(ints(vnk_reversedArray(numbers({1, 2, 3}).get())), (std::vector<int>{3, 2, 1}));
-  EXPECT_EQ(vnk_reversedArray(Array::make().get())->count(), 0u);
   EXPECT_TRUE(isImmutableArray(vnk_reversedArray(MutableArray::make({N(1)}).get())));
-
-  // ((1, 2), 3, ((4))) gives (1, 2, (4)); mutable children count as arrays.
-  const Ref<Array> inner = numbers({4});
-  const Ref<Array> nested =
-      Array::make({numbers({1, 2}), N(3), Array::make({inner}), MutableArray::make({N(5)})});
-  const Ref<Array> flat = vnk_combineArrayChildren(nested.get());
-  ASSERT_EQ(flat->count(), 4u);
-  EXPECT_TRUE(isEqual(flat->objectAtIndex(0), N(1)));
-  EXPECT_TRUE(isEqual(flat->objectAtIndex(1), N(2)));
-  EXPECT_EQ(flat->objectAtIndex(2), Id(inner));
-  EXPECT_TRUE(isEqual(flat->objectAtIndex(3), N(5)));
-  EXPECT_EQ(vnk_combineArrayChildren(numbers({1, 2}).get())->count(), 0u);
-  EXPECT_EQ(vnk_combineArrayChildren(nullptr), nullptr);
+  {  // ((1, 2), 3, ((4))) gives (1, 2, (4)); mutable children count as arrays
+    const Ref<Array> inner = numbers({4});
+    const Ref<Array> flat = vnk_combineArrayChildren(
+        Array::make({numbers({1, 2}), N(3), Array::make({inner}), MutableArray::make({N(5)})})
+            .get());
+    EXPECT_TRUE(isEqual(flat, Array::make({N(1), N(2), inner, N(5)})));
+    EXPECT_EQ(flat->objectAtIndex(2), Id(inner));
+    EXPECT_EQ(vnk_combineArrayChildren(numbers({1, 2}).get())->count(), 0u);
+    EXPECT_EQ(vnk_combineArrayChildren(nullptr), nullptr);
+  }
 }
 
-TEST(ArrayMapToDict, KeysValuesAndCopying) {
+TEST(ArrayDictionaryBuilders, KeysValuesAndCopying) {
   const Ref<Array> words = Array::make({NK_STR("ax"), NK_STR("b"), NK_STR("ay"), NK_STR("")});
   // Key: first letter; value: the word. The later "a" word wins; "" gives no key.
   const Ref<Dictionary> d = vnk_mapToDict(words.get(), [](Id* key, Id* value, const Id& e) {
@@ -148,9 +138,8 @@ TEST(ArrayMapToDict, KeysValuesAndCopying) {
   // No key-value callable: an empty dictionary.
   EXPECT_EQ(vnk_mapToDict(words.get(), nullptr)->count(), 0u);
   EXPECT_EQ(vnk_mapToDict(nullptr, [](Id*, Id*, const Id&) {}), nullptr);
-}
 
-TEST(ArrayMapToDict, InternalMap) {
+  // With an internal map: what it returns is stored, nil removes the key.
   const Ref<Array> a = numbers({1, 2, 3, 4});
   auto byParity = [](Id* key, Id* value, const Id& e) {
     *key = Number::withInt(cast<Number>(e)->intValue() % 2);
@@ -171,24 +160,19 @@ TEST(ArrayMapToDict, InternalMap) {
       });
   EXPECT_EQ(removed->count(), 0u);
   EXPECT_THROW(vnk_mapToDictInternalMap(a.get(), byParity, nullptr), ThrownObject);
-}
 
-TEST(ArrayMultiMap, GroupsInOrder) {
-  const Ref<Array> a = Array::make({NK_STR("x1"), NK_STR("y1"), NK_STR("x2")});
-  const Ref<MutableDictionary> groups = vnk_multiMap(a.get(), [](Id* key, Id* value, const Id& e) {
+  // The multi-map groups every value under its key, in element order.
+  const Ref<Array> xy = Array::make({NK_STR("x1"), NK_STR("y1"), NK_STR("x2")});
+  const Ref<MutableDictionary> groups = vnk_multiMap(xy.get(), [](Id* key, Id* value, const Id& e) {
     *key = cast<String>(e)->substring(0, 1);
     *value = e;
   });
   ASSERT_TRUE(groups);
-  EXPECT_TRUE(groups->isKindOfClass(MutableDictionary::staticClass()));
   const Ref<MutableArray> xs = cast<MutableArray>(groups->objectForKey(NK_STR("x")));
   ASSERT_TRUE(xs);
   EXPECT_TRUE(xs->isEqual(Array::make({NK_STR("x1"), NK_STR("x2")}).get()));
   EXPECT_TRUE(isEqual(groups->objectForKey(NK_STR("y")), Array::make({NK_STR("y1")})));
-  // The result can be changed by the caller.
-  groups->setObjectForKey(NK_STR("z"), NK_STR("z"));
-  EXPECT_EQ(groups->count(), 3u);
-  EXPECT_EQ(vnk_multiMap(a.get(), nullptr)->count(), 0u);
+  EXPECT_EQ(vnk_multiMap(xy.get(), nullptr)->count(), 0u);
 }
 
 TEST(ArrayByClass, ExactClassNames) {
@@ -205,23 +189,19 @@ TEST(ArrayByClass, ExactClassNames) {
   const Ref<String> stringName = String::fromUTF8(made->objectClass().name());
   EXPECT_TRUE(isEqual(groups->objectForKey(stringName), Array::make({made})));
   EXPECT_FALSE(groups->isKindOfClass(MutableDictionary::staticClass()));
-  EXPECT_EQ(vnk_toDictionaryByClass(Array::make().get())->count(), 0u);
 }
 
 TEST(ArrayClassTests, MemberAndKind) {
   const Ref<Array> empty = Array::make();
   const Ref<Array> one = Array::make({N(1)});
   const Ref<Array> arrays = Array::make({Array::make(), MutableArray::make()});
-  const Ref<Array> plainArrays = Array::make({Array::make(), Array::make({N(2)})});
   // Same class: fewer than two elements always; a subclass breaks it.
-  EXPECT_TRUE(vnk_areAllObjectsAreOfSameClass(empty.get()));
   EXPECT_TRUE(vnk_areAllObjectsAreOfSameClass(one.get()));
-  EXPECT_TRUE(vnk_areAllObjectsAreOfSameClass(plainArrays.get()));
+  EXPECT_TRUE(vnk_areAllObjectsAreOfSameClass(Array::make({N(1), N(2)}).get()));
   EXPECT_FALSE(vnk_areAllObjectsAreOfSameClass(arrays.get()));
-  // Member tests fail for subclasses; kind tests accept them.
+  // Member tests fail for subclasses; kind tests accept them; both hold when empty.
   EXPECT_FALSE(vnk_areAllObjectsOfThisClass(arrays.get(), Array::staticClass()));
   EXPECT_TRUE(vnk_areAllObjectsOfThisKind(arrays.get(), Array::staticClass()));
-  EXPECT_TRUE(vnk_areAllObjectsOfThisClass(plainArrays.get(), Array::staticClass()));
   EXPECT_FALSE(vnk_areAllObjectsOfThisKind(one.get(), Array::staticClass()));
   EXPECT_TRUE(vnk_areAllObjectsOfThisClass(empty.get(), Array::staticClass()));
   EXPECT_TRUE(vnk_areAllObjectsOfThisKind(empty.get(), Array::staticClass()));
@@ -229,7 +209,6 @@ TEST(ArrayClassTests, MemberAndKind) {
   EXPECT_TRUE(vnk_isAnyObjectOfThisKind(Array::make({N(1), MutableArray::make()}).get(),
                                         Array::staticClass()));
   EXPECT_FALSE(vnk_isAnyObjectOfThisKind(one.get(), Array::staticClass()));
-  EXPECT_FALSE(vnk_isAnyObjectOfThisKind(empty.get(), Object::staticClass()));
   // Nil receivers answer false, like a message to nil.
   EXPECT_FALSE(vnk_areAllObjectsAreOfSameClass(nullptr));
   EXPECT_FALSE(vnk_areAllObjectsOfThisKind(nullptr, Object::staticClass()));

@@ -14,8 +14,12 @@
 namespace nk {
 namespace {
 
+using ::testing::ElementsAre;
+
 Ref<String> S(std::u16string_view units) { return String::withCharacters(units); }
 Ref<String> S(std::string_view utf8) { return String::fromUTF8(utf8); }
+
+std::u16string trimmed(std::u16string_view s) { return vnk_trim(S(s).get())->toUTF16(); }
 
 // The components as UTF-16 texts, for one-line comparisons.
 std::vector<std::u16string> units(const Ref<Array>& array) {
@@ -28,42 +32,29 @@ Ref<Array> split(std::u16string_view s, std::u16string_view sep, bool remove) {
   return vnk_getComponentsSeparatedByStringRemoveEmptyEntries(S(s).get(), S(sep).get(), remove);
 }
 
-TEST(StringTrim, ObjectReplacementAndBlanks) {
+TEST(StringTrim, ObjectReplacementBlanksAndSurrogates) {
   // U+FFFC goes first, everywhere, so the space before it becomes trailing.
-  EXPECT_EQ(vnk_trim(S(u"\uFFFC  a b \uFFFC\n").get())->toUTF16(), u"a b");
-  EXPECT_EQ(vnk_trim(S(u"a\uFFFCb").get())->toUTF16(), u"ab");
-  EXPECT_EQ(vnk_trim(S(u"x \uFFFC").get())->toUTF16(), u"x");
+  EXPECT_EQ(trimmed(u"\uFFFC  a b \uFFFC\n"), u"a b");
+  EXPECT_EQ(trimmed(u"a\uFFFCb"), u"ab");
   // Inner blanks stay; every blank class member at the ends goes.
-  EXPECT_EQ(
-      vnk_trim(S(u"\t\r\n\u0085\u2028\u2029\u00A0\u3000a \n b\u000B\u000C ").get())->toUTF16(),
-      u"a \n b");
-  EXPECT_EQ(vnk_trim(S(u" \t\n\uFFFC ").get())->length(), 0u);
-  EXPECT_EQ(vnk_trim(String::empty())->length(), 0u);
+  EXPECT_EQ(trimmed(u"\t\r\n\u0085\u2028\u2029\u00A0\u3000a \n b\u000B\u000C "), u"a \n b");
+  EXPECT_EQ(trimmed(u" \t\n\uFFFC ").size(), 0u);
   // Latin-1 storage takes the same path: NO-BREAK SPACE is Zs.
   EXPECT_EQ(vnk_trim(String::fromLatin1("\xA0 caf\xE9\t").get())->utf8(), "caf\xC3\xA9");
   // Not blanks: zero-width space, BOM, NUL.
-  EXPECT_EQ(vnk_trim(S(u"\u200Bx\uFEFF").get())->toUTF16(), u"\u200Bx\uFEFF");
-  EXPECT_EQ(vnk_trim(S(std::u16string_view(u" \0x\0 ", 5)).get())->toUTF16(),
-            std::u16string(u"\0x\0", 3));
+  EXPECT_EQ(trimmed(u"\u200Bx\uFEFF"), u"\u200Bx\uFEFF");
+  EXPECT_EQ(trimmed(std::u16string_view(u" \0x\0 ", 5)), std::u16string(u"\0x\0", 3));
+  // A character beyond the BMP is kept whole; unpaired surrogates are not blanks.
+  EXPECT_EQ(trimmed(u" \U0001F600 "), u"\U0001F600");
+  EXPECT_EQ(trimmed(u" \xD800 \xDC00 "), u"\xD800 \xDC00");
   EXPECT_EQ(vnk_trim(nullptr), nullptr);
-}
-
-TEST(StringTrim, NonBMPAndSurrogates) {
-  // A character beyond the BMP at either end is kept whole.
-  EXPECT_EQ(vnk_trim(S(u" \U0001F600 ").get())->toUTF16(), u"\U0001F600");
-  EXPECT_EQ(vnk_trim(S(u"\U0001F600\uFFFC\n").get())->toUTF16(), u"\U0001F600");
-  EXPECT_EQ(vnk_trim(S(u"\n\U00020000a\U00020000\t").get())->toUTF16(), u"\U00020000a\U00020000");
-  // Unpaired surrogates are not blanks and survive unchanged.
-  EXPECT_EQ(vnk_trim(S(u" \xD800 \xDC00 ").get())->toUTF16(), u"\xD800 \xDC00");
-}
-
-TEST(StringTrim, ResultIsImmutableAndIndependent) {
-  // A mutable receiver that needs no trimming still gives an immutable snapshot.
-  auto m = make<MutableString>(NK_STR("abc"));
-  Ref<String> t = vnk_trim(m.get());
-  EXPECT_FALSE(t->isKindOfClass(MutableString::staticClass()));
-  m->appendUTF8("def");
-  EXPECT_EQ(t->utf8(), "abc");
+  {  // a mutable receiver that needs no trimming still gives an immutable snapshot
+    auto m = make<MutableString>(NK_STR("abc"));
+    Ref<String> t = vnk_trim(m.get());
+    EXPECT_FALSE(t->isKindOfClass(MutableString::staticClass()));
+    m->appendUTF8("def");
+    EXPECT_EQ(t->utf8(), "abc");
+  }
   // An immutable receiver that needs nothing comes back as itself.
   Ref<String> same = S("abc");
   EXPECT_EQ(vnk_trim(same.get()), same);
@@ -71,9 +62,8 @@ TEST(StringTrim, ResultIsImmutableAndIndependent) {
 
 TEST(StringNullOrEmpty, BlankClasses) {
   EXPECT_TRUE(vnk_nullOrEmpty(nullptr));
-  for (std::u16string_view blank :
-       {std::u16string_view(u""), std::u16string_view(u"   "), std::u16string_view(u"\n\t"),
-        std::u16string_view(u"\uFFFC"), std::u16string_view(u"\u3000\uFFFC\u2029")}) {
+  for (std::u16string_view blank : {std::u16string_view(u""), std::u16string_view(u"\n\t"),
+                                    std::u16string_view(u"\u3000\uFFFC\u2029")}) {
     EXPECT_TRUE(vnk_nullOrEmpty(S(blank).get())) << S(blank)->utf8();
   }
   for (std::u16string_view text : {std::u16string_view(u" x "), std::u16string_view(u"\u200B"),
@@ -81,7 +71,6 @@ TEST(StringNullOrEmpty, BlankClasses) {
     EXPECT_FALSE(vnk_nullOrEmpty(S(text).get())) << S(text)->utf8();
   }
   EXPECT_TRUE(vnk_nullOrEmpty(String::fromLatin1("\xA0 \t").get()));
-  EXPECT_FALSE(vnk_nullOrEmpty(String::fromLatin1("\xA0 .").get()));
 }
 
 TEST(StringUUID, FormAndCase) {
@@ -89,69 +78,62 @@ TEST(StringUUID, FormAndCase) {
   const std::regex lower("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
   const std::regex upper("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}");
   EXPECT_TRUE(std::regex_match(vnk_UUID()->utf8(), lower));
-  EXPECT_TRUE(std::regex_match(vnk_UUID(true)->utf8(), lower));
   EXPECT_TRUE(std::regex_match(vnk_UUID(false)->utf8(), upper));
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) seen.insert(vnk_UUID()->utf8());
   EXPECT_EQ(seen.size(), 100u);
 }
 
-TEST(StringEquivalence, NilAndEmpty) {
-  const Ref<String> empty = S(""), a = S("a"), a2 = S("a"), upper = S("A");
-  EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, empty.get()));
-  EXPECT_TRUE(vnk_isStringEquivalentToString(empty.get(), nullptr));
-  EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, nullptr));
-  EXPECT_TRUE(vnk_isStringEquivalentToString(a.get(), a2.get()));
-  EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), upper.get()));
-  EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), nullptr));
-  EXPECT_FALSE(vnk_isStringEquivalentToString(nullptr, a.get()));
-  // No normalisation: precomposed and decomposed e-acute differ.
-  EXPECT_FALSE(vnk_isStringEquivalentToString(S(u"\u00E9").get(), S(u"e\u0301").get()));
-  // Storage does not matter: Latin-1 against UTF-16 of the same units.
-  EXPECT_TRUE(vnk_isStringEquivalentToString(String::fromLatin1("\xE9").get(), S(u"\u00E9").get()));
-}
-
-TEST(StringDeletePrefix, OnceExactly) {
-  const Ref<String> s = S("abcabc");
-  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abc").get())->utf8(), "abc");
-  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabc").get())->length(), 0u);
-  // Not a prefix (also empty, nil, another case, longer): the receiver itself.
-  for (const Ref<String>& p : {S("x"), S(""), Ref<String>(), S("ABC"), S("abcabcd")}) {
-    EXPECT_EQ(vnk_deletePrefix(s.get(), p.get()), s) << (p ? p->utf8() : "<nil>");
+TEST(StringComparisons, EquivalencePrefixAndContainment) {
+  const Ref<String> empty = S(""), a = S("a");
+  {  // equivalence: nil and "" are equal; otherwise literal, unit by unit
+    EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, empty.get()));
+    EXPECT_TRUE(vnk_isStringEquivalentToString(empty.get(), nullptr));
+    EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, nullptr));
+    EXPECT_TRUE(vnk_isStringEquivalentToString(a.get(), S("a").get()));
+    EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), S("A").get()));
+    EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), nullptr));
+    // No normalisation; storage does not matter.
+    EXPECT_FALSE(vnk_isStringEquivalentToString(S(u"\u00E9").get(), S(u"e\u0301").get()));
+    EXPECT_TRUE(
+        vnk_isStringEquivalentToString(String::fromLatin1("\xE9").get(), S(u"\u00E9").get()));
   }
-  EXPECT_EQ(vnk_deletePrefix(nullptr, S("a").get()), nullptr);
-  // A prefix ending in half a surrogate pair cuts by code units.
-  EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
+  {  // prefix removal: once, exactly
+    const Ref<String> s = S("abcabc");
+    EXPECT_EQ(vnk_deletePrefix(s.get(), S("abc").get())->utf8(), "abc");
+    EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabc").get())->length(), 0u);
+    // Not a prefix (empty, nil, another case, longer): the receiver itself.
+    for (const Ref<String>& p : {S(""), Ref<String>(), S("ABC"), S("abcabcd")}) {
+      EXPECT_EQ(vnk_deletePrefix(s.get(), p.get()), s) << (p ? p->utf8() : "<nil>");
+    }
+    EXPECT_EQ(vnk_deletePrefix(nullptr, a.get()), nullptr);
+    // A prefix ending in half a surrogate pair cuts by code units.
+    EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
+  }
+  {  // containment blind to case and diacritics; an empty needle is never contained
+    EXPECT_TRUE(
+        vnk_containsCaseAndDiacriticInsensitive(S("Le RÉSUMÉ final").get(), S("resume").get()));
+    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("").get()));
+    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), nullptr));
+    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resumes").get()));
+    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(nullptr, a.get()));
+  }
 }
 
-TEST(StringContains, CaseAndDiacritics) {
-  EXPECT_TRUE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resume").get()));
-  EXPECT_TRUE(
-      vnk_containsCaseAndDiacriticInsensitive(S("Le RÉSUMÉ final").get(), S("résumé").get()));
-  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("").get()));
-  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), nullptr));
-  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resumes").get()));
-  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(nullptr, S("a").get()));
-}
-
-TEST(StringStartsWithNumeric, EveryScriptsDigits) {
-  // Digits of any script: ASCII, Arabic-Indic three, Devanagari three, fullwidth seven.
-  for (std::u16string_view yes : {u"1a", u"\u0663", u"\u0969x", u"\uFF17"}) {
+TEST(StringPrefixClasses, DigitsAndSymbolicLinkIds) {
+  // Digits of any script: ASCII, Arabic-Indic three, fullwidth seven.
+  for (std::u16string_view yes : {u"1a", u"\u0663", u"\uFF17"}) {
     EXPECT_TRUE(vnk_startsWithNumericCharacter(S(yes).get())) << S(yes)->utf8();
   }
   // Not Nd: superscript two (No), Roman numeral eight (Nl). Only the first code unit
   // is read, so a digit beyond the BMP starts with a surrogate and does not count.
-  for (std::u16string_view no : {u"", u" 1", u"+1", u"-1", u"\u00B2", u"\u2167", u"\U0001D7CE"}) {
+  for (std::u16string_view no : {u"", u" 1", u"-1", u"\u00B2", u"\u2167", u"\U0001D7CE"}) {
     EXPECT_FALSE(vnk_startsWithNumericCharacter(S(no).get())) << S(no)->utf8();
   }
   EXPECT_FALSE(vnk_startsWithNumericCharacter(nullptr));
-}
-
-TEST(StringSymbolicLinkId, LowerCasedPrefix) {
-  for (const char* yes : {"for", "FOR123", "fortune", "FoRxyz"}) {
-    EXPECT_TRUE(vnk_isSymbolicLinkId(S(yes).get())) << yes;
-  }
-  for (const char* no : {"fo", " for", "", "f0r", "afor"}) {
+  // "for" in any case, at the start only.
+  for (const char* yes : {"for", "FoRxyz"}) EXPECT_TRUE(vnk_isSymbolicLinkId(S(yes).get())) << yes;
+  for (const char* no : {"fo", " for", "afor"}) {
     EXPECT_FALSE(vnk_isSymbolicLinkId(S(no).get())) << no;
   }
   EXPECT_FALSE(vnk_isSymbolicLinkId(nullptr));
@@ -163,7 +145,6 @@ TEST(StringHosts, DefaultsAndConfiguration) {
   // Each default matches anywhere in the host, in any case, and only its own class.
   for (const std::string& suffix : staging) {
     ASSERT_FALSE(suffix.empty());
-    EXPECT_TRUE(vnk_isStaging(S("FILES." + suffix).get())) << suffix;
     EXPECT_TRUE(vnk_isStaging(S("x." + suffix + ":443/path").get())) << suffix;
     EXPECT_FALSE(vnk_isTesting(S("files." + suffix).get())) << suffix;
   }
@@ -180,7 +161,6 @@ TEST(StringHosts, DefaultsAndConfiguration) {
   setStagingHostSuffixes({"Stage.Example.org", "", "beta.example.net"});
   EXPECT_EQ(stagingHostSuffixes()[0], "stage.example.org");
   EXPECT_TRUE(vnk_isStaging(S("a.STAGE.example.org").get()));
-  EXPECT_TRUE(vnk_isStaging(S("beta.example.net").get()));
   EXPECT_FALSE(vnk_isStaging(S("example.org").get()));
   EXPECT_FALSE(vnk_isStaging(S(staging[0]).get()));
   setTestingHostSuffixes({"", "", ""});
@@ -191,17 +171,13 @@ TEST(StringHosts, DefaultsAndConfiguration) {
 }
 
 TEST(StringSplit, ComponentsAndRemoval) {
-  using ::testing::ElementsAre;
   EXPECT_THAT(units(split(u" a, ,b ,,", u",", true)), ElementsAre(u"a", u"b"));
   EXPECT_THAT(units(split(u" a, ,b ,,", u",", false)), ElementsAre(u" a", u" ", u"b ", u"", u""));
   // Components are trimmed of the whitespace class (Zs and tab), never of newlines.
   EXPECT_THAT(units(split(u"a,\n,b", u",", true)), ElementsAre(u"a", u"\n", u"b"));
   EXPECT_THAT(units(split(u"\u00A0a\t,\u3000", u",", true)), ElementsAre(u"a"));
-  // Separator at the ends, adjacent separators, no separator at all.
-  EXPECT_THAT(units(split(u",a,,", u",", false)), ElementsAre(u"", u"a", u"", u""));
-  EXPECT_THAT(units(split(u"abc", u",", false)), ElementsAre(u"abc"));
+  // No separator at all; nothing left once emptied.
   EXPECT_THAT(units(split(u"", u",", false)), ElementsAre(u""));
-  EXPECT_THAT(units(split(u"", u",", true)), ElementsAre());
   EXPECT_THAT(units(split(u"  ", u",", true)), ElementsAre());
   // Multi-unit separators match exactly and do not overlap.
   EXPECT_THAT(units(split(u"a::b:::c", u"::", false)), ElementsAre(u"a", u"b", u":c"));
@@ -216,23 +192,19 @@ TEST(StringSplit, ComponentsAndRemoval) {
 }
 
 TEST(StringSplit, StorageAndSurrogates) {
-  using ::testing::ElementsAre;
-  // Surrogate pairs on either side of the separator stay whole.
+  // Surrogate pairs on either side of the separator stay whole; a separator beyond the BMP.
   EXPECT_THAT(units(split(u"\U0001F600,\U0001F601", u",", false)),
               ElementsAre(u"\U0001F600", u"\U0001F601"));
-  // A separator beyond the BMP.
   EXPECT_THAT(units(split(u"a\U0001F600b\U0001F600", u"\U0001F600", false)),
               ElementsAre(u"a", u"b", u""));
   // Latin-1 receiver: a separator outside Latin-1 never occurs; one inside does.
-  const Ref<String> latin = String::fromLatin1(
-      "a\xE9"
-      "b");
+  const Ref<String> latin = String::fromLatin1("a\xE9z");
   EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
                   latin.get(), S(u"\u0100").get(), false)),
-              ElementsAre(u"a\u00E9b"));
+              ElementsAre(u"a\u00E9z"));
   EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
                   latin.get(), S(u"\u00E9").get(), false)),
-              ElementsAre(u"a", u"b"));
+              ElementsAre(u"a", u"z"));
   // Embedded NULs are ordinary units, separators included.
   EXPECT_THAT(units(split(std::u16string_view(u"a\0b", 3), std::u16string_view(u"\0", 1), false)),
               ElementsAre(u"a", u"b"));

@@ -45,10 +45,6 @@ void expectNumber(const Id& result, char code, double value) {
   EXPECT_EQ(n->doubleValue(), value);
 }
 
-struct Big {
-  long a, b, c;
-};
-
 long plainFunction(Id) { return 9; }
 
 // What a handler of N object parameters receives for `value` (empty if it is not called).
@@ -154,22 +150,20 @@ TEST(HandlerForms, ReturnKindsAreBoxedWithTheirTypeCodes) {
   ASSERT_NE(s, nullptr);
   EXPECT_EQ(s->utf8(), "h\xC3\xA9");
   // Every arithmetic type keeps its code.
-  expectNumber(prm_safely_call_block([] { return 'A'; }, nullptr), 'c', 65);
-  expectNumber(prm_safely_call_block([] { return static_cast<signed char>(-3); }, nullptr), 'c',
-               -3);
-  expectNumber(prm_safely_call_block([] { return static_cast<unsigned char>(200); }, nullptr), 'C',
-               200);
-  expectNumber(prm_safely_call_block([] { return static_cast<short>(-300); }, nullptr), 's', -300);
-  expectNumber(prm_safely_call_block([] { return static_cast<unsigned short>(60000); }, nullptr),
-               'S', 60000);
-  expectNumber(prm_safely_call_block([] { return -70000; }, nullptr), 'i', -70000);
-  expectNumber(prm_safely_call_block([] { return 4000000000u; }, nullptr), 'I', 4000000000.0);
-  expectNumber(prm_safely_call_block([] { return -5L; }, nullptr), 'l', -5);
-  expectNumber(prm_safely_call_block([] { return 5UL; }, nullptr), 'L', 5);
-  expectNumber(prm_safely_call_block([] { return -6LL; }, nullptr), 'q', -6);
-  expectNumber(prm_safely_call_block([] { return 6ULL; }, nullptr), 'Q', 6);
-  expectNumber(prm_safely_call_block([] { return 0.5f; }, nullptr), 'f', 0.5);
-  expectNumber(prm_safely_call_block([] { return 0.25; }, nullptr), 'd', 0.25);
+  auto boxed = [](auto v) { return prm_safely_call_block([v] { return v; }, nullptr); };
+  expectNumber(boxed('A'), 'c', 65);
+  expectNumber(boxed(static_cast<signed char>(-3)), 'c', -3);
+  expectNumber(boxed(static_cast<unsigned char>(200)), 'C', 200);
+  expectNumber(boxed(static_cast<short>(-300)), 's', -300);
+  expectNumber(boxed(static_cast<unsigned short>(60000)), 'S', 60000);
+  expectNumber(boxed(-70000), 'i', -70000);
+  expectNumber(boxed(4000000000u), 'I', 4000000000.0);
+  expectNumber(boxed(-5L), 'l', -5);
+  expectNumber(boxed(5UL), 'L', 5);
+  expectNumber(boxed(-6LL), 'q', -6);
+  expectNumber(boxed(6ULL), 'Q', 6);
+  expectNumber(boxed(0.5f), 'f', 0.5);
+  expectNumber(boxed(0.25), 'd', 0.25);
   Id yes = prm_safely_call_block([] { return true; }, nullptr);
   EXPECT_EQ(yes.get(), Number::yes());
   expectNumber(yes, 'B', 1);
@@ -180,13 +174,11 @@ TEST(HandlerForms, UnsupportedFormsFailWhenCalled) {
   static int target = 0;
   auto count = [](const Id& r) { expectCallError(r, "NSInvalidArgumentException", kCountReason); };
   auto signature = [](const Id& r) { expectCallError(r, "Migriornop", kSignatureReason); };
-  // Four or five parameters: the count error, and the handler is not called.
+  // Four parameters: the count error, and the handler is not called.
   count(prm_safely_call_block([&](Id, Id, Id, Id) { called = true; }, nullptr));
-  count(prm_safely_call_block([&](Id, Id, Id, Id, Id) { called = true; }, nullptr));
   // Return types outside the table: the signature error.
   signature(prm_safely_call_block([&]() -> int* { return called = true, &target; }, nullptr));
   signature(prm_safely_call_block([&] { return called = true, std::string("x"); }, nullptr));
-  signature(prm_safely_call_block([&] { return called = true, Big{1, 2, 3}; }, nullptr));
   // The return type is judged before the count.
   signature(
       prm_safely_call_block([&](Id, Id, Id, Id) { return called = true, std::string(); }, nullptr));
@@ -243,7 +235,7 @@ TEST(HandlerForms, ErrorFromException) {
     EXPECT_EQ(e->userInfo()->count(), 1u);
     EXPECT_EQ(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), ex);
   }
-  EXPECT_EQ(PRMThrown()->utf8(), "PRMUnderlyingExceptionKey");
+  // The names callers match errors on.
   EXPECT_EQ(PRMErrorDomain()->utf8(), "PRMErrorDomain");
   EXPECT_EQ(PRMFailingPromiseIndexKey()->utf8(), "PRMFailingPromiseIndexKey");
 }

@@ -28,84 +28,82 @@ State stateOf(const Ref<PRMPromise>& p) {
   return {p->pending(), p->resolved(), p->fulfilled(), p->rejected()};
 }
 
+// Each kind of slot content: the state, the value and the description.
 TEST(PromiseState, EveryRowOfTheSlot) {
   UnhandledCapture quiet;
   auto e = failure();
+  const std::string error = e->description()->utf8();
   auto n = Number::withInt(5);
   Ref<String> a = NK_STR("a"), x = NK_STR("x");
   auto inner = pendingPromise();
+  inner->thenOn(Queue::serial("prm.test.description"), [] {});
   const struct {
     const char* slot;
     Ref<PRMPromise> promise;
     State state;
     Id value;
+    std::string text;  // empty: not checked
   } rows[] = {
-      {"nil", pendingPromise(), {1, 0, 0, 0}, nullptr},
-      {"an error, the value itself", PRMPromise::promiseWithValue(e), {0, 1, 0, 1}, e},
-      {"PRMNull", PRMPromise::promiseWithValue(nullptr), {0, 1, 1, 0}, nullptr},
+      {"nil", pendingPromise(), {1, 0, 0, 0}, nullptr, "Promise: 0 pending handlers"},
+      {"an error, the value itself",
+       PRMPromise::promiseWithValue(e),
+       {0, 1, 0, 1},
+       e,
+       "Promise: rejected: " + error},
+      {"PRMNull, printed as its text",
+       PRMPromise::promiseWithValue(nullptr),
+       {0, 1, 1, 0},
+       nullptr,
+       "Promise: fulfilled: PRMNull"},
       {"a PRMArray: element 0",
        PRMPromise::promiseWithValue(PRMArrayWithCount(2, a, NK_STR("b"))),
        {0, 1, 1, 0},
-       a},
-      {"any other object", PRMPromise::promiseWithValue(n), {0, 1, 1, 0}, n},
-      {"a pending promise: pending and resolved",
+       a,
+       ""},
+      {"any other object",
+       PRMPromise::promiseWithValue(n),
+       {0, 1, 1, 0},
+       n,
+       "Promise: fulfilled: 5"},
+      {"a pending promise: pending and resolved, counting the holder's own list (none)",
        PRMPromise::promiseWithValue(inner),
        {1, 1, 1, 0},
-       nullptr},
+       nullptr,
+       "Promise: 0 pending handlers"},
       {"a rejected promise: fulfilled, the value looks through",
        PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e)),
        {0, 1, 1, 0},
-       e},
+       e,
+       "Promise: fulfilled: Promise: rejected: " + error},
       {"a fulfilled promise",
        PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(x)),
        {0, 1, 1, 0},
-       x},
+       x,
+       "Promise: fulfilled: Promise: fulfilled: x"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.slot);
     EXPECT_EQ(stateOf(row.promise), row.state);
     EXPECT_EQ(row.promise->value(), row.value);
+    if (!row.text.empty()) {
+      EXPECT_EQ(row.promise->description()->utf8(), row.text);
+    }
   }
   // The raw slot: nothing, the marker, the held promise.
   EXPECT_EQ(PRMGetResult(rows[0].promise.get()), nullptr);
   EXPECT_EQ(PRMGetResult(rows[2].promise.get()).get(), PRMNull());
   EXPECT_EQ(PRMGetResult(rows[5].promise.get()), inner);
-}
-
-TEST(PromiseState, NullMarkerByIdentity) {
-  EXPECT_EQ(PRMNull()->utf8(), "PRMNull");
-  // An equal string of another identity is an ordinary value.
-  Ref<String> lookalike = String::fromUTF8("PRMNull");
-  ASSERT_NE(lookalike.get(), PRMNull());
-  auto p = PRMPromise::promiseWithValue(lookalike);
-  EXPECT_EQ(p->value(), lookalike);
-  EXPECT_EQ(PRMSanitizeResult(lookalike), lookalike);
-  EXPECT_EQ(PRMSanitizeResult(nullptr).get(), PRMNull());
-}
-
-TEST(PromiseState, Description) {
-  UnhandledCapture quiet;
-  {  // pending: the waiting entries are counted
+  {  // a pending promise counts its waiting entries
     auto p = pendingPromise();
-    EXPECT_EQ(p->description()->utf8(), "Promise: 0 pending handlers");
-    auto q = Queue::serial("prm.test.description");
-    for (int i = 0; i < 3; ++i) p->thenOn(q, [] {});
+    for (int i = 0; i < 3; ++i) p->thenOn(Queue::serial("prm.test.description2"), [] {});
     EXPECT_EQ(p->description()->utf8(), "Promise: 3 pending handlers");
   }
-  auto e = failure(4);
-  auto inner = pendingPromise();
-  inner->thenOn(Queue::serial("prm.test.description2"), [] {});
-  const std::pair<Ref<PRMPromise>, std::string> rows[] = {
-      {PRMPromise::promiseWithValue(e), "Promise: rejected: " + e->description()->utf8()},
-      // nothing prints the marker's text
-      {PRMPromise::promiseWithValue(nullptr), "Promise: fulfilled: PRMNull"},
-      {PRMPromise::promiseWithValue(Number::withInt(12)), "Promise: fulfilled: 12"},
-      // a held pending promise: the pending format, counting the holder's own list (none)
-      {PRMPromise::promiseWithValue(inner), "Promise: 0 pending handlers"},
-      {PRMPromise::promiseWithValue(PRMPromise::promiseWithValue(e)),
-       "Promise: fulfilled: Promise: rejected: " + e->description()->utf8()},
-  };
-  for (const auto& [promise, text] : rows) EXPECT_EQ(promise->description()->utf8(), text);
+  // The marker by identity: an equal string of another identity is an ordinary value.
+  Ref<String> lookalike = String::fromUTF8(PRMNull()->utf8());
+  ASSERT_NE(lookalike.get(), PRMNull());
+  EXPECT_EQ(PRMPromise::promiseWithValue(lookalike)->value(), lookalike);
+  EXPECT_EQ(PRMSanitizeResult(lookalike), lookalike);
+  EXPECT_EQ(PRMSanitizeResult(nullptr).get(), PRMNull());
 }
 
 TEST(PromiseState, InitRaises) {
@@ -160,6 +158,15 @@ TEST(PromiseSettling, HandlersRunOnceInOrderOnTheSettlingThread) {
   PRMResolve(p.get(), w);
   EXPECT_EQ(rec.calls.size(), 3u);
   EXPECT_EQ(p->value(), w);
+  {  // nil reaches handlers as nil while the slot holds the marker
+    auto q = pendingPromise();
+    Recorder nil;
+    watch(q, nil, 0);
+    PRMResolve(q.get(), nullptr);
+    ASSERT_EQ(nil.calls.size(), 1u);
+    EXPECT_EQ(nil.calls[0].second, nullptr);
+    EXPECT_EQ(PRMGetResult(q.get()).get(), PRMNull());
+  }
 }
 
 TEST(PromiseSettling, ResolvedPendingTakesTheResolvedPathOnceSettled) {
@@ -194,17 +201,6 @@ TEST(PromiseSettling, ResolvedPendingTakesTheResolvedPathOnceSettled) {
   Ref<String> v = NK_STR("v");
   (*d.resolve)(v);
   EXPECT_EQ(next->value(), v);
-}
-
-TEST(PromiseSettling, NilReachesHandlersWhileTheSlotHoldsTheMarker) {
-  auto p = pendingPromise();
-  Recorder rec;
-  watch(p, rec, 0);
-  PRMResolve(p.get(), nullptr);
-  ASSERT_EQ(rec.calls.size(), 1u);
-  EXPECT_EQ(rec.calls[0].second, nullptr);
-  EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
-  EXPECT_TRUE(p->fulfilled());
 }
 
 TEST(PromiseSettling, SetResultOverwritesAndReturnsTheWaitingList) {

@@ -77,9 +77,6 @@ TEST(NKReachability, Factories) {
     other.bytes[1] = AF_UNIX;
     EXPECT_FALSE(NKReachability::reachabilityWithAddress(other.get()));
   }
-  // The notification's name
-  EXPECT_EQ(kReachabilityChangedNotification()->utf8(),
-            "knkNetworkReachabilityChangedNotification");
 }
 
 // Counts the change notifications of one monitor, and the threads they came on.

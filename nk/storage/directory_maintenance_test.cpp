@@ -426,14 +426,10 @@ TEST(BackupMark, ReadBack) {
            cast<Number>(value) && cast<Number>(value)->boolValue();
   };
   auto url = URL::fileURLWithPath(file, false);
-  {  // each setter marks an existing file
+  {  // the setters mark an existing file or folder
     EXPECT_FALSE(marked(url.get()));
     EXPECT_TRUE(FSH::setFilePropertiesForCDPersistentStoreWithPath(url.get()));
     EXPECT_TRUE(marked(url.get()));
-    auto other = URL::fileURLWithPath(box.dir / "download.bin", false);
-    writeFile(box.dir / "download.bin", "d");
-    EXPECT_TRUE(FSH::setFilePropertiesAfterSuccessfulDownloadWithPath(other.get()));
-    EXPECT_TRUE(marked(other.get()));
     auto folder = directoryURL(box.dir / "tmp");
     EXPECT_TRUE(FSH::setSkipBackupAttribOfFileWithURL(folder.get()));
     EXPECT_TRUE(marked(folder.get()));
@@ -444,7 +440,6 @@ TEST(BackupMark, ReadBack) {
     EXPECT_FALSE(FSH::setFilePropertiesForCDPersistentStoreWithPath(missing.get()));
     EXPECT_FALSE(FSH::setSkipBackupAttribOfFileWithURL(missing.get()));
     EXPECT_FALSE(exists(box.dir / "missing.bin"));
-    EXPECT_FALSE(FSH::setFilePropertiesAfterSuccessfulDownloadWithPath(nullptr));
   }
 }
 

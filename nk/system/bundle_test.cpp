@@ -225,10 +225,6 @@ TEST(StringsTable, SyntaxAndEscapes) {
     EXPECT_EQ(entry(table.get(), "self"), "self");
     EXPECT_EQ(table->count(), 5u);
   }
-  {  // quotes and backslashes survive inside values
-    auto table = parseStringsTable("\"q\" = \"say \\\"hi\\\" \\\\o/\";");
-    EXPECT_EQ(entry(table.get(), "q"), "say \"hi\" \\o/");
-  }
   {  // UTF-16 in both byte orders, and UTF-8 with a byte-order mark
     std::u16string text = u"\"k\" = \"\u00fcber\";";
     for (bool little : {true, false}) {

@@ -78,17 +78,12 @@ TEST(Locale, Identifiers) {
 TEST(Locale, CharacterDirection) {
   using enum LanguageDirection;
   for (auto [code, direction] :
-       {std::pair{"ar", kRightToLeft}, std::pair{"he", kRightToLeft}, std::pair{"fa", kRightToLeft},
-        std::pair{"ur", kRightToLeft}, std::pair{"en", kLeftToRight}, std::pair{"fr", kLeftToRight},
-        std::pair{"ja", kLeftToRight}, std::pair{"ru", kLeftToRight}, std::pair{"", kUnknown},
-        std::pair{"a r", kUnknown}}) {
+       {std::pair{"ar", kRightToLeft}, std::pair{"en", kLeftToRight}, std::pair{"ja", kLeftToRight},
+        std::pair{"", kUnknown}, std::pair{"a r", kUnknown}}) {
     EXPECT_EQ(Locale::characterDirection(code), direction) << code;
   }
   EXPECT_EQ(Locale::characterDirection(NK_STR("he")), kRightToLeft);
   EXPECT_EQ(Locale::characterDirection(static_cast<const String*>(nullptr)), kUnknown);
-  // the platform's enumeration values
-  EXPECT_EQ(static_cast<int>(kUnknown), 0);
-  EXPECT_EQ(static_cast<int>(kRightToLeft), 2);
 }
 
 }  // namespace

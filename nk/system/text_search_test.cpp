@@ -25,8 +25,6 @@ TEST(TextSearch, IgnoresCaseAndDiacritics) {
       {u"Résumé", u"resume", true},
       {u"resume", u"Résumé", true},
       {u"Re\u0301sume\u0301", u"RÉSUMÉ", true},
-      {u"Crème brûlée", u"BRULEE", true},
-      {u"Ångström", u"angstrom", true},
       // full case folding: sharp s, final sigma, Kelvin sign; Greek with tonos
       {u"Straße", u"STRASSE", true},
       {u"ΟΔΟΣ", u"οδος", true},
@@ -36,7 +34,6 @@ TEST(TextSearch, IgnoresCaseAndDiacritics) {
       // letters that differ are still different
       {u"Résumé", u"resumes", false},
       {u"résumé", u"rasume", false},
-      {u"abc", u"abd", false},
       // an empty needle never matches, not even in an empty haystack; nor does a
       // needle of combining marks only, which folds to nothing
       {u"abc", u"", false},
