@@ -79,7 +79,8 @@ struct Page {
   uint32_t capacity;
   uint32_t blockSize;
   uint16_t sizeClass;
-  bool listed;  // on a list of pages with room
+  bool listed;   // on a list of pages with room
+  bool current;  // the page its class allocates from
   // Other threads': blocks they freed, and the link of the heap's pending list.
   alignas(kLine) std::atomic<FreeBlock*> remote;
   Page* pendingNext;
@@ -141,6 +142,11 @@ void format(Page* p, Heap* h, size_t k) noexcept {
       (baseOf(p) + kPageBytes - reinterpret_cast<uintptr_t>(firstBlock(p))) / p->blockSize);
   p->bump = firstBlock(p);
   p->end = p->bump + size_t{p->capacity} * p->blockSize;
+}
+
+void restart(Page* p) noexcept {
+  p->free = nullptr;
+  p->bump = firstBlock(p);
 }
 
 void* take(Page* p) noexcept {
@@ -244,11 +250,8 @@ void refill(Heap& h) {
 // when nothing is out.
 void settle(Heap& h, Page* p) noexcept {
   const size_t k = p->sizeClass;
-  if (p == h.current[k]) {
-    if (p->used == 0) {
-      p->free = nullptr;
-      p->bump = firstBlock(p);
-    }
+  if (p->current) {
+    if (p->used == 0) restart(p);
     return;
   }
   if (p->used == 0) {
@@ -284,6 +287,7 @@ void tidyOrphan(Shared& s, Heap& h) noexcept {
   takeInRemote(h);
   for (Page*& p : h.current) {
     if (p != &noRoom && p->used == 0) {
+      p->current = false;
       appendEmpty(h, p);
       p = &noRoom;
     }
@@ -295,6 +299,7 @@ void* allocateFrom(Heap& h, size_t k) {
   Page* p = h.current[k];
   if (!p->free && p->bump == p->end) {
     // p is full and on no list now: the first block to come back lists it again.
+    if (p != &noRoom) p->current = false;
     if ((p = h.roomy[k])) {
       unlink(h.roomy[k], p);
     } else {
@@ -303,6 +308,7 @@ void* allocateFrom(Heap& h, size_t k) {
       format(p, &h, k);
     }
     h.current[k] = p;
+    p->current = true;
   }
   return take(p);
 }
@@ -412,7 +418,11 @@ void deallocate(void* block, size_t bytes) noexcept {
   b->next = p->free;
   p->free = b;
   const uint32_t before = p->used--;
-  if (before == p->capacity || before == 1) settleLocal(p);
+  if (before == 1 && p->current) {
+    restart(p);
+  } else if (before == 1 || before == p->capacity) {
+    settleLocal(p);
+  }
 }
 
 size_t cachedBytes() noexcept { return tlsHeap ? tlsHeap->emptyPages * kPageBytes : 0; }
