@@ -19,6 +19,7 @@
 
 #include "nk/foundation/block_pool.hpp"
 
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -114,9 +115,22 @@ struct Shared {
   Shared() { late.orphaned.store(true, std::memory_order_relaxed); }
 };
 
+Shared& shared();
+
+// Held across fork(), so that the child does not inherit it held by a thread it
+// does not have. The child makes it anew: its one thread has another id than the
+// parent's thread that took it.
+void holdForFork() { shared().lock.lock(); }
+void releaseInParent() { shared().lock.unlock(); }
+void renewInChild() { new (&shared().lock) std::recursive_mutex; }
+
 // Never destroyed: static destructors of other files free blocks too.
 Shared& shared() {
-  static Shared* const s = new Shared;
+  static Shared* const s = [] {
+    auto* made = new Shared;
+    pthread_atfork(&holdForFork, &releaseInParent, &renewInChild);
+    return made;
+  }();
   return *s;
 }
 

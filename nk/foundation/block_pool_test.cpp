@@ -7,8 +7,11 @@
 #include "nk/foundation/block_pool.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <random>
 #include <string>
@@ -193,6 +196,34 @@ TEST(BlockPool, ThreadsEndWithBlocksOut) {
   freeAll(adopted, 64);
   expectIntact(after, 128);
   freeAll(after, 128);
+}
+
+TEST(BlockPool, AForkedChildAllocates) {
+  if (!block_pool::pooling())
+    GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
+  // Another thread takes and hands back pages while this one forks; the child then
+  // needs pages too, which takes the lock the other thread may have held.
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop) {
+      freeAll(allocateAll(20'000, 256), 256);
+      block_pool::trim();
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      const auto blocks = allocateAll(50'000, 256);
+      freeAll(blocks, 256);
+      _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  stop = true;
+  busy.join();
 }
 
 TEST(BlockPool, ObjectsReturnTheSizeTheyTook) {
