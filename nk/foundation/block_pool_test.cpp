@@ -198,6 +198,44 @@ TEST(BlockPool, ThreadsEndWithBlocksOut) {
   freeAll(after, 128);
 }
 
+TEST(BlockPool, BlocksPassBetweenThreadsThatComeAndGo) {
+  // Rounds of threads, each making blocks of every class, freeing some itself and
+  // handing the rest to the next thread of the round; threads end with blocks out
+  // and the next round takes over their heaps.
+  constexpr size_t kThreads = 4, kRounds = 12, kBlocks = 3000;
+  std::vector<std::vector<void*>> handed(kThreads);
+  for (size_t round = 0; round < kRounds; ++round) {
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t, round] {
+        std::vector<void*> mine(kBlocks);
+        for (size_t i = 0; i < kBlocks; ++i) {
+          const size_t bytes = 8 + (i * 37 + round) % block_pool::kLargestBlock;
+          mine[i] = block_pool::allocate(bytes);
+          std::memset(mine[i], static_cast<int>(t), bytes);
+        }
+        std::vector<void*>& inbox = handed[t];  // from the previous round's thread t
+        size_t damaged = 0;
+        for (size_t i = 0; i < inbox.size(); ++i) {
+          if (!inbox[i]) continue;
+          const size_t bytes = 8 + (i * 37 + round - 1) % block_pool::kLargestBlock;
+          const auto* b = static_cast<const unsigned char*>(inbox[i]);
+          damaged += !std::all_of(b, b + bytes, [&](unsigned char c) { return c == t; });
+          block_pool::deallocate(inbox[i], bytes);
+        }
+        EXPECT_EQ(damaged, 0u);
+        for (size_t i = 0; i < kBlocks; i += 2) {
+          block_pool::deallocate(mine[i], 8 + (i * 37 + round) % block_pool::kLargestBlock);
+          mine[i] = nullptr;
+        }
+        if (t % 2) block_pool::trim();
+        inbox = std::move(mine);
+      });
+    }
+    for (auto& th : threads) th.join();
+  }
+}
+
 TEST(BlockPool, AForkedChildAllocates) {
   if (!block_pool::pooling())
     GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
