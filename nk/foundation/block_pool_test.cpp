@@ -203,6 +203,9 @@ TEST(BlockPool, BlocksPassBetweenThreadsThatComeAndGo) {
   // handing the rest to the next thread of the round; threads end with blocks out
   // and the next round takes over their heaps.
   constexpr size_t kThreads = 4, kRounds = 12, kBlocks = 3000;
+  auto sizeOf = [](size_t i, size_t round) {
+    return 8 + (i * 37 + round) % block_pool::kLargestBlock;
+  };
   std::vector<std::vector<void*>> handed(kThreads);
   for (size_t round = 0; round < kRounds; ++round) {
     std::vector<std::thread> threads;
@@ -210,7 +213,7 @@ TEST(BlockPool, BlocksPassBetweenThreadsThatComeAndGo) {
       threads.emplace_back([&, t, round] {
         std::vector<void*> mine(kBlocks);
         for (size_t i = 0; i < kBlocks; ++i) {
-          const size_t bytes = 8 + (i * 37 + round) % block_pool::kLargestBlock;
+          const size_t bytes = sizeOf(i, round);
           mine[i] = block_pool::allocate(bytes);
           std::memset(mine[i], static_cast<int>(t), bytes);
         }
@@ -218,14 +221,14 @@ TEST(BlockPool, BlocksPassBetweenThreadsThatComeAndGo) {
         size_t damaged = 0;
         for (size_t i = 0; i < inbox.size(); ++i) {
           if (!inbox[i]) continue;
-          const size_t bytes = 8 + (i * 37 + round - 1) % block_pool::kLargestBlock;
+          const size_t bytes = sizeOf(i, round - 1);
           const auto* b = static_cast<const unsigned char*>(inbox[i]);
           damaged += !std::all_of(b, b + bytes, [&](unsigned char c) { return c == t; });
           block_pool::deallocate(inbox[i], bytes);
         }
         EXPECT_EQ(damaged, 0u);
         for (size_t i = 0; i < kBlocks; i += 2) {
-          block_pool::deallocate(mine[i], 8 + (i * 37 + round) % block_pool::kLargestBlock);
+          block_pool::deallocate(mine[i], sizeOf(i, round));
           mine[i] = nullptr;
         }
         if (t % 2) block_pool::trim();
@@ -233,6 +236,10 @@ TEST(BlockPool, BlocksPassBetweenThreadsThatComeAndGo) {
       });
     }
     for (auto& th : threads) th.join();
+  }
+  for (const auto& inbox : handed) {
+    for (size_t i = 0; i < inbox.size(); ++i)
+      block_pool::deallocate(inbox[i], sizeOf(i, kRounds - 1));
   }
 }
 
