@@ -6,6 +6,9 @@
 //   paired/<op>/<file>                  the three sides in turn within each
 //                                       iteration; the ratios are counters
 //
+// The CSV reporter wants the same counters in every row: for CSV output, filter
+// the paired benchmarks out (or in) on their own.
+//
 // Files come from $NK_JSON_BENCH_DIR (default /work/shared/bench-data/json);
 // synthetic.json is looked for there or at $NK_JSON_SYNTHETIC.
 #include <benchmark/benchmark.h>
