@@ -1,6 +1,7 @@
-// PRMLock: the 4-byte reader/writer lock word each promise guards its slot with.
-// Reads overlap, writes are exclusive; waiters sleep on a futex and never spin,
-// because the sections it guards are a handful of loads and stores.
+// PRMLock: the 4-byte reader/writer lock word of each promise, held by readers of its
+// waiting list and by writers that replace a settled slot. Reads overlap, writes are
+// exclusive; waiters sleep on a futex and never spin, because the sections it guards
+// are a handful of loads and stores.
 #pragma once
 
 #include <atomic>
@@ -37,6 +38,10 @@ class PRMLock {
     }
     acquireSlow(true);
   }
+
+  // Whether anyone holds the lock or waits for it. Sequentially consistent, for a
+  // writer that pairs it with a store of its own instead of taking the lock.
+  bool idle() const noexcept { return word_.load(std::memory_order_seq_cst) == 0; }
 
   void unlockShared() noexcept {
     uint32_t v = word_.fetch_sub(1, std::memory_order_release) - 1;

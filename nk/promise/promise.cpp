@@ -22,9 +22,9 @@ using promise_internal::Waiter;
 
 namespace {
 
-// What a slot held before it was overwritten, kept on the entry list until the promise
-// dies: the slot is read without the lock, so a reader may still be taking a reference
-// to it. Never handed out as a handler.
+// What a slot held before it was overwritten, kept until the promise dies: the slot is
+// read without a lock, so a reader may still be taking a reference to it. Never
+// handed out as a handler.
 struct FormerContent final : Waiter {
   FormerContent() noexcept : Waiter(&kOps) {}
   static void run(Waiter*, Settlement&) {}
@@ -81,11 +81,14 @@ PRMPromise::~PRMPromise() {
   // join that promise's work list instead.
   static thread_local Waiter* tDoomed = nullptr;
   static thread_local bool tTearingDown = false;
-  if (waiters_) {
-    Waiter* last = waiters_;
+  const uintptr_t state = state_.load(std::memory_order_acquire);
+  if (state & kSettled) {
+    contentOf(state)->release();
+  } else if (auto* waiters = reinterpret_cast<Waiter*>(state)) {
+    Waiter* last = waiters;
     while (last->next) last = last->next;
     last->next = tDoomed;
-    tDoomed = waiters_;
+    tDoomed = waiters;
     if (!tTearingDown) {
       tTearingDown = true;
       while (tDoomed) {
@@ -95,33 +98,26 @@ PRMPromise::~PRMPromise() {
       tTearingDown = false;
     }
   }
-  if (Object* r = result_.load(std::memory_order_relaxed)) r->release();
+  destroyAll(former_);
 }
 
-Ref<PRMPromise> PRMPromise::makePending() {
-  auto p = Ref<PRMPromise>::adopt(new PRMPromise());
-  p->spare_ |= kHasHandlerList;
-  return p;
-}
+Ref<PRMPromise> PRMPromise::makePending() { return Ref<PRMPromise>::adopt(new PRMPromise()); }
 
 Ref<PRMPromise> PRMPromise::promiseWithValue(const Id& value) {
   auto p = Ref<PRMPromise>::adopt(new PRMPromise());
-  p->result_.store(PRMSanitizeResult(value).leak(), std::memory_order_relaxed);
+  auto content = reinterpret_cast<uintptr_t>(PRMSanitizeResult(value).leak());
+  p->state_.store(content | kSettled, std::memory_order_relaxed);
   return p;
 }
 
 Id PRMPromise::tryRegister(Waiter* waiter) const {
-  PRMWriteGuard guard(lock_);
-  if (Object* r = result_.load(std::memory_order_relaxed)) return Id(r);
-  waiter->next = waiters_;
-  waiters_ = waiter;
+  uintptr_t state = state_.load(std::memory_order_acquire);
+  do {
+    if (state & kSettled) return Id(contentOf(state));
+    waiter->next = reinterpret_cast<Waiter*>(state);
+  } while (!state_.compare_exchange_weak(state, reinterpret_cast<uintptr_t>(waiter),
+                                         std::memory_order_release, std::memory_order_acquire));
   return nullptr;
-}
-
-size_t PRMPromise::waiterCount() const noexcept {
-  size_t n = 0;
-  for (Waiter* w = waiters_; w; w = w->next) n += w->ops != &FormerContent::kOps;
-  return n;
 }
 
 // ---- Reading, writing and settling the slot.
@@ -139,31 +135,31 @@ Id sanitized(const Id& value, bool error) {
 Id PRMSanitizeResult(const Id& value) { return sanitized(value, promise_internal::isError(value)); }
 
 Id PRMGetResult(const PRMPromise* promise) {
-  // Without the lock: content once stored lives as long as the promise (FormerContent).
-  return Id(promise->result_.load(std::memory_order_acquire));
+  // Content once stored lives as long as the promise (FormerContent).
+  const uintptr_t state = promise->state_.load(std::memory_order_acquire);
+  return state & PRMPromise::kSettled ? Id(PRMPromise::contentOf(state)) : nullptr;
 }
 
 PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Id stored) {
-  // An overwrite needs a FormerContent, made before taking the lock.
+  // An overwrite keeps the old content in a FormerContent, made beforehand when it can
+  // be foreseen.
   std::unique_ptr<FormerContent> former;
-  for (;;) {
-    if (!former && promise->settledNow()) former = std::make_unique<FormerContent>();
+  if (promise->settledNow()) former = std::make_unique<FormerContent>();
+  const uintptr_t old = promise->state_.exchange(
+      reinterpret_cast<uintptr_t>(stored.leak()) | kSettled, std::memory_order_seq_cst);
+  if (old & kSettled) {
+    if (!former) former = std::make_unique<FormerContent>();  // settled meanwhile
+    former->content = Id::adopt(contentOf(old));
     PRMWriteGuard guard(promise->lock_);
-    Object* old = promise->result_.load(std::memory_order_relaxed);
-    if (old && !former) continue;  // settled meanwhile
-    promise->result_.store(stored.leak(), std::memory_order_release);
-    if (!old) {
-      Waiter* taken = std::exchange(promise->waiters_, nullptr);
-      bool present = promise->spare_ & kHasHandlerList;
-      promise->spare_ &= ~kHasHandlerList;
-      return PRMHandlerList(promise_internal::reversed(taken), present);
-    }
-    // A settled slot has no waiting entries: its list holds former contents only.
-    former->content = Id::adopt(old);
-    former->next = promise->waiters_;
-    promise->waiters_ = former.release();
+    former->next = promise->former_;
+    promise->former_ = former.release();
     return PRMHandlerList(nullptr, false);
   }
+  // description() may still be counting the entries: they are handed out, and freed,
+  // only once it is done. Paired with its fence: either it saw the slot filled or
+  // this sees it inside.
+  if (!promise->lock_.idle()) PRMWriteGuard wait(promise->lock_);
+  return PRMHandlerList(promise_internal::reversed(reinterpret_cast<Waiter*>(old)), true);
 }
 
 PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
@@ -181,26 +177,21 @@ void PRMResolve(PRMPromise* promise, const Id& value) {
     PRMPromise::settle(promise, value);
     return;
   }
-  Id content;
-  {
-    PRMWriteGuard guard(adopted->lock_);
-    content = Id(adopted->result_.load(std::memory_order_relaxed));
-    if (!content) {
-      // Adopting itself would make the promise own itself: the entry then holds a
-      // plain pointer, since it can only run while the promise is alive anyway.
-      Waiter* entry =
-          adopted == promise
-              ? promise_internal::makeWaiter([promise](const Id& o) { PRMResolve(promise, o); })
-              : promise_internal::makeWaiter(
-                    [keep = Ref<PRMPromise>(promise)](const Id& o) { PRMResolve(keep.get(), o); });
-      entry->next = adopted->waiters_;
-      adopted->waiters_ = entry;
-      return;
-    }
+  Id content = PRMGetResult(adopted);
+  if (!content) {
+    // Adopting itself would make the promise own itself: the entry then holds a
+    // plain pointer, since it can only run while the promise is alive anyway.
+    Waiter* entry =
+        adopted == promise
+            ? promise_internal::makeWaiter([promise](const Id& o) { PRMResolve(promise, o); })
+            : promise_internal::makeWaiter(
+                  [keep = Ref<PRMPromise>(promise)](const Id& o) { PRMResolve(keep.get(), o); });
+    content = adopted->tryRegister(entry);
+    if (!content) return;
+    entry->dispose();  // settled meanwhile
   }
   // The raw content: an error stays the error, PRMNull the marker, a promise a
-  // promise. Settled after the adopted promise's lock is released, so no handler of
-  // the adopter ever runs under it.
+  // promise.
   PRMPromise::settle(promise, content);
 }
 
@@ -253,11 +244,18 @@ Id PRMPromise::value() const {
 
 Ref<String> PRMPromise::description() const {
   Id r;
-  size_t count;
+  size_t count = 0;
   {
+    // Keeps a settler from freeing the entries while they are counted; the fence
+    // pairs with its look at the lock after it has taken them (exchangeResult).
     PRMReadGuard guard(lock_);
-    r = Id(result_.load(std::memory_order_relaxed));
-    count = waiterCount();
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    const uintptr_t state = state_.load(std::memory_order_acquire);
+    if (state & kSettled) {
+      r = Id(contentOf(state));
+    } else {
+      for (auto* w = reinterpret_cast<Waiter*>(state); w; w = w->next) ++count;
+    }
   }
   PRMPromise* inner = promise_internal::asPromise(r);
   const bool isPending = inner ? inner->pending() : !r;

@@ -3,9 +3,10 @@
 //
 // The slot alone says the state: nil pending, an Error rejected, PRMNull fulfilled
 // with nothing, a PRMArray fulfilled with several values, another promise followed,
-// anything else fulfilled with it. A 4-byte reader/writer lock word guards writes to
-// the slot and the list of waiting entries; handlers never run while it is held. The
-// slot is read without it: what a slot held stays alive as long as its promise.
+// anything else fulfilled with it. The slot and the list of waiting entries share one
+// word, so registering an entry is one compare-and-swap and settling one exchange; no
+// handler runs inside either. The slot is read without a lock: what a slot held stays
+// alive as long as its promise.
 #pragma once
 
 #include <atomic>
@@ -397,8 +398,6 @@ class PRMPromise final : public Object {
   template <promise_internal::ChainKind>
   friend class PRMChainOn;
 
-  static constexpr uint32_t kHasHandlerList = 1;  // in spare_, written under the lock
-
   PRMPromise() noexcept = default;
   ~PRMPromise() override;
 
@@ -416,9 +415,9 @@ class PRMPromise final : public Object {
 
   // A pending promise with an (empty) handler list.
   static Ref<PRMPromise> makePending();
-  // Whether the slot is filled, without taking the lock: a settled promise stays
-  // settled, so only a false answer can be out of date by the time it is used.
-  bool settledNow() const noexcept { return result_.load(std::memory_order_acquire) != nullptr; }
+  // Whether the slot is filled: a settled promise stays settled, so only a false
+  // answer can be out of date by the time it is used.
+  bool settledNow() const noexcept { return state_.load(std::memory_order_acquire) & kSettled; }
   // The locked part of PRMSetResult: stores `stored` and takes the waiting entries.
   static PRMHandlerList exchangeResult(PRMPromise* promise, Id stored);
   // Stores `value` and runs the waiting entries with it.
@@ -433,8 +432,6 @@ class PRMPromise final : public Object {
   // Adds `waiter` if still pending and returns nil; else returns the slot and leaves
   // `waiter` to the caller.
   Id tryRegister(promise_internal::Waiter* waiter) const;
-  // The waiting entries, newest first.
-  size_t waiterCount() const noexcept;
 
   template <promise_internal::ChainKind K, class H>
   Ref<PRMPromise> chain(const Queue& queue, H&& handler) const;
@@ -443,11 +440,20 @@ class PRMPromise final : public Object {
   template <class Body, class Make>
   static Ref<PRMPromise> withBody(Body& body, Make make);
 
+  // state_ while pending: the waiting entries, newest first (0 for none); once
+  // settled: the slot's content, holding one reference, tagged with kSettled.
+  static constexpr uintptr_t kSettled = 1;
+  static Object* contentOf(uintptr_t state) noexcept {
+    return reinterpret_cast<Object*>(state & ~kSettled);
+  }
+
+  // Held shared while description() walks the waiting list, which a settler frees only
+  // once no reader is inside; held exclusively to keep an overwritten slot's content.
   mutable promise_internal::PRMLock lock_;
-  // The slot, holding one reference. Written under the exclusive lock; atomic so that
-  // settledNow() may look without it.
-  std::atomic<Object*> result_{nullptr};
-  mutable promise_internal::Waiter* waiters_ = nullptr;  // newest first
+  mutable std::atomic<uintptr_t> state_{0};
+  // What overwritten slots held, kept until the promise dies: a reader may still be
+  // taking a reference to it.
+  promise_internal::Waiter* former_ = nullptr;
 };
 
 // A promise of what `block` returns, run on `queue` through prm_safely_call_block
@@ -571,7 +577,6 @@ Ref<PRMPromise> PRMPromise::makePendingWith(E*& entry, Args&&... args) {
   static_assert(alignof(E) <= alignof(std::max_align_t));
   constexpr size_t offset = (sizeof(PRMPromise) + alignof(E) - 1) / alignof(E) * alignof(E);
   auto promise = Ref<PRMPromise>::adopt(new (offset - sizeof(PRMPromise) + sizeof(E)) PRMPromise());
-  promise->spare_ |= kHasHandlerList;
   void* place = reinterpret_cast<char*>(promise.get()) + offset;
   entry = ::new (place) E(promise.get(), std::forward<Args>(args)...);
   promise->retain();  // the entry's reference
