@@ -20,18 +20,13 @@ using namespace std::chrono_literals;
 
 constexpr uint64_t kMillisecond = 1'000'000;
 
-// A serial queue and a handler that counts its calls, notes whether each ran on that
-// queue, and signals each one.
 class DispatchTimer : public ::testing::Test {
  protected:
-  std::function<void()> handler() {
-    return [this] {
-      if (!(Queue::current() == queue)) onQueue = false;
-      ++count;
-      fired.signal();
-    };
+  void start(uint64_t interval, bool withHandler, bool resume) {
+    timer = CreateDispatchTimer(interval, 0, queue, withHandler ? handler : nullptr, resume);
+    ASSERT_TRUE(timer);
   }
-  // Cancels, and lets a call still running finish before the members go.
+  // Lets a call still running finish before the members go.
   void TearDown() override {
     if (timer) timer->cancel();
     queue.sync([] {});
@@ -39,36 +34,27 @@ class DispatchTimer : public ::testing::Test {
 
   Queue queue = Queue::serial("env.timer");
   Semaphore fired;
-  std::atomic<int> count{0};
   std::atomic<bool> onQueue{true};
+  std::function<void()> handler = [this] {
+    if (!(Queue::current() == queue)) onQueue = false;
+    fired.signal();
+  };
   std::unique_ptr<TimerSource> timer;
 };
 
-TEST_F(DispatchTimer, StartedTimerRepeatsOnItsQueue) {
-  timer = CreateDispatchTimer(2 * kMillisecond, 0, queue, handler(), true);
-  ASSERT_TRUE(timer);
-  // It fires more than once, each time on the queue it was given.
+TEST_F(DispatchTimer, SuspendedUntilResumedThenRepeatsOnItsQueue) {
+  start(kMillisecond, true, false);
+  EXPECT_FALSE(fired.waitFor(30ms));
+  timer->resume();
   ASSERT_TRUE(fired.waitFor(5s));
   ASSERT_TRUE(fired.waitFor(5s));
   EXPECT_TRUE(onQueue.load());
 }
 
-TEST_F(DispatchTimer, SuspendedTimerWaitsUntilResumed) {
-  timer = CreateDispatchTimer(kMillisecond, 0, queue, handler(), false);
-  ASSERT_TRUE(timer);
-  // Nothing happens while it is suspended, though its first firing is long due.
-  EXPECT_FALSE(fired.waitFor(30ms));
-  // Resuming starts it at once.
-  timer->resume();
-  EXPECT_TRUE(fired.waitFor(5s));
-}
-
-// A started timer without a handler runs quietly and takes a handler later.
-TEST_F(DispatchTimer, WithoutHandler) {
-  timer = CreateDispatchTimer(kMillisecond, 0, queue, nullptr, true);
-  ASSERT_TRUE(timer);
+TEST_F(DispatchTimer, StartedWithoutHandlerTakesOneLater) {
+  start(kMillisecond, false, true);
   std::this_thread::sleep_for(5ms);
-  timer->setEventHandler(handler());
+  timer->setEventHandler(handler);
   EXPECT_TRUE(fired.waitFor(5s));
 }
 

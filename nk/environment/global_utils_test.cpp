@@ -18,15 +18,12 @@
 namespace nk {
 namespace {
 
-using test::ScopedEnv;
-using test::TempDir;
-using test::writeFile;
+using namespace test;
 
 Ref<String> S(std::string_view utf8) { return String::fromUTF8(utf8); }
 
 TEST(NKGlobalUtils, SmallAnswers) {
-  // E-mail syntax: leading and consecutive dots pass; the match covers the whole string,
-  // a trailing line end included; ASCII only.
+  // Leading and consecutive dots pass; the match covers the whole string; ASCII only.
   for (const char* text : {"a.b+c@host.example", "a..b@c..de"}) {
     EXPECT_TRUE(NKGlobalUtils::isValidEmailAddress(S(text).get())) << text;
   }
@@ -43,20 +40,17 @@ TEST(NKGlobalUtils, SmallAnswers) {
     EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
   }
   EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
-  {  // whole seconds of the wall clock
-    const time_t before = ::time(nullptr);
-    const int64_t now = NKGlobalUtils::getNowUnixTime();
-    EXPECT_GE(now, static_cast<int64_t>(before));
-    EXPECT_LE(now, static_cast<int64_t>(::time(nullptr)));
-  }
-  {  // the version tests: "greater" is an at-least test, "less" its negation
-    const OperatingSystemVersion own = ProcessInfo::processInfo()->operatingSystemVersion();
-    const OperatingSystemVersion later{own.majorVersion, own.minorVersion, own.patchVersion + 1};
-    EXPECT_TRUE(NKGlobalUtils::isOSGreaterThan(own));
-    EXPECT_FALSE(NKGlobalUtils::isOSLessThan(own));
-    EXPECT_FALSE(NKGlobalUtils::isOSGreaterThan(later));
-    EXPECT_TRUE(NKGlobalUtils::isOSLessThan(later));
-  }
+  const time_t before = ::time(nullptr);
+  const int64_t now = NKGlobalUtils::getNowUnixTime();
+  EXPECT_GE(now, static_cast<int64_t>(before));
+  EXPECT_LE(now, static_cast<int64_t>(::time(nullptr)));
+  // "greater" is an at-least test, "less" its negation.
+  const OperatingSystemVersion own = ProcessInfo::processInfo()->operatingSystemVersion();
+  const OperatingSystemVersion later{own.majorVersion, own.minorVersion, own.patchVersion + 1};
+  EXPECT_TRUE(NKGlobalUtils::isOSGreaterThan(own));
+  EXPECT_FALSE(NKGlobalUtils::isOSLessThan(own));
+  EXPECT_FALSE(NKGlobalUtils::isOSGreaterThan(later));
+  EXPECT_TRUE(NKGlobalUtils::isOSLessThan(later));
 }
 
 TEST(NKGlobalUtils, DeviceNames) {
@@ -69,29 +63,26 @@ TEST(NKGlobalUtils, DeviceNames) {
   };
   writeFile(info, "PRETTY_HOSTNAME=\"  Studio \"\n");
   expectName("Studio (Velmont Files for Mac)");
-  // A name that is blank once trimmed counts as no name. (The platform layer already
-  // replaces a name of ASCII blanks by the host name, so the fixture uses an
-  // ideographic space, which trimming removes.)
+  // Blank once trimmed counts as no name (ASCII blanks alone would become the host name).
   writeFile(info, "PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n");
   expectName("Unknown Device Name (Velmont Files for Mac)");
 }
 
-// Runs `f` on several threads released together and returns every answer.
+// How many of 8 threads released together got a true answer from `f`.
 template <class F>
-std::vector<bool> concurrently(F f) {
-  constexpr int kThreads = 8;
+int concurrentlyTrue(F f) {
   std::atomic<bool> go{false};
-  std::vector<char> results(kThreads, 0);
+  std::atomic<int> yes{0};
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
-      results[static_cast<size_t>(i)] = f() ? 1 : 0;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      while (!go.load()) std::this_thread::yield();
+      if (f()) ++yes;
     });
   }
-  go.store(true, std::memory_order_release);
+  go = true;
   for (auto& t : threads) t.join();
-  return std::vector<bool>(results.begin(), results.end());
+  return yes.load();
 }
 
 // The only test in this binary that calls isBetaApp, so its first call happens here.
@@ -104,11 +95,9 @@ TEST(NKGlobalUtils, BetaAppIsReadOnceFromTheMainBundle) {
                           "<dict><key>CFBundleIdentifier</key><string>") +
                   id + "</string></dict></plist>\n");
   }
-  {  // concurrent first calls all see the beta identifier
+  {
     ScopedEnv env("NK_MAIN_BUNDLE", dir / "beta");
-    for (bool answer : concurrently([] { return NKGlobalUtils::isBetaApp(); })) {
-      EXPECT_TRUE(answer);
-    }
+    EXPECT_EQ(concurrentlyTrue([] { return NKGlobalUtils::isBetaApp(); }), 8);
   }
   ScopedEnv env("NK_MAIN_BUNDLE", dir / "release");
   EXPECT_TRUE(NKGlobalUtils::isBetaApp()) << "a later change of bundle must not be seen";
@@ -124,9 +113,8 @@ TEST(NKGlobalUtils, RightToLeftFlagIsReadOnce) {
     ASSERT_EQ(Locale::characterDirection(Locale::current()->languageCode().get()),
               LanguageDirection::kRightToLeft);
     expected = NKGlobalUtils::isOSGreaterThan({9, 0, 0});
-    for (bool answer : concurrently([] { return NKGlobalUtils::areLeftToRightHacksNeeded(); })) {
-      EXPECT_EQ(answer, expected);
-    }
+    EXPECT_EQ(concurrentlyTrue([] { return NKGlobalUtils::areLeftToRightHacksNeeded(); }),
+              expected ? 8 : 0);
   }
   ScopedEnv lang("LANG", "en_US.UTF-8");
   EXPECT_EQ(NKGlobalUtils::areLeftToRightHacksNeeded(), expected) << "changed after the first call";
@@ -137,9 +125,8 @@ bool zone(std::initializer_list<Id> names) {
 }
 
 TEST(NKGlobalUtils, CloudNativeProtocolFlag) {
-  // Surrounding whitespace is trimmed; position in the list does not matter.
+  // Trimmed, anywhere in the list, exact and case-sensitive.
   EXPECT_TRUE(zone({S("Other"), S("\tSupportCloudNativeProtocol\n")}));
-  // Exact and case-sensitive.
   EXPECT_FALSE(zone({S("supportcloudnativeprotocol")}));
   EXPECT_FALSE(zone({S("SupportCloudNativeProtocolV2")}));
   EXPECT_FALSE(NKGlobalUtils::isCloudNativeProtocolSupportedInZoneServices(nullptr));
@@ -147,46 +134,45 @@ TEST(NKGlobalUtils, CloudNativeProtocolFlag) {
   EXPECT_THROW(zone({S("SupportCloudNativeProtocol"), Array::make()}), ThrownObject);
 }
 
-// Implementations for the method-exchange test; each returns its own tag.
+// Each returns its own tag.
 int baseOld(Object*) { return 1; }
 int subOld(Object*) { return 2; }
 int subNew(Object*) { return 3; }
 int classOld(const Class&) { return 4; }
 int classNew(const Class&) { return 5; }
 
-Imp imp(int (*f)(Object*)) { return reinterpret_cast<Imp>(f); }
-Imp imp(int (*f)(const Class&)) { return reinterpret_cast<Imp>(f); }
-
-int call(const Class& cls, const char* name) {
-  Method* m = cls.lookupMethod(name);
-  return m ? reinterpret_cast<int (*)(Object*)>(m->implementation())(nullptr) : 0;
+// The tag that `name` runs on the class (instance side) or on its metaclass; 0 if none.
+int call(Class& cls, const char* name, bool onClass = false) {
+  Method* m = (onClass ? cls.metaclass() : cls).lookupMethod(name);
+  if (!m) return 0;
+  return onClass ? reinterpret_cast<int (*)(const Class&)>(m->implementation())(cls)
+                 : reinterpret_cast<int (*)(Object*)>(m->implementation())(nullptr);
 }
 
-int callClass(Class& cls, const char* name) {
-  Method* m = cls.metaclass().lookupMethod(name);
-  return m ? reinterpret_cast<int (*)(const Class&)>(m->implementation())(cls) : 0;
-}
+std::atomic<int> classSerial{0};
 
-// A new class each time, so the test can be repeated in one process.
-Class& newClass(const char* stem, const Class& superclass) {
-  static std::atomic<int> serial{0};
-  return Class::registerClass(std::string(stem) + std::to_string(++serial), &superclass);
+// A new class each time, so the test can be repeated, with the given methods.
+template <class... F>
+Class& newClass(const Class& superclass, bool onClass, std::pair<const char*, F>... methods) {
+  Class& cls = Class::registerClass("EnvSwizzle" + std::to_string(++classSerial), &superclass);
+  ((onClass ? cls.metaclass() : cls)
+       .addMethod(methods.first, reinterpret_cast<Imp>(methods.second), "i16@0:8"),
+   ...);
+  return cls;
 }
 
 TEST(NKGlobalUtils, Swizzle) {
+  using P = std::pair<const char*, int (*)(Object*)>;
+  using C = std::pair<const char*, int (*)(const Class&)>;
   {  // own instance methods: each name now runs the other's code
-    Class& cls = newClass("EnvSwizzleOwn", Object::staticClass());
-    cls.addMethod("greet", imp(subOld), "i16@0:8");
-    cls.addMethod("nk_greet", imp(subNew), "i16@0:8");
+    Class& cls = newClass(Object::staticClass(), false, P{"greet", subOld}, P{"nk_greet", subNew});
     NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
     EXPECT_EQ(call(cls, "greet"), 3);
     EXPECT_EQ(call(cls, "nk_greet"), 2);
   }
   {  // an inherited method: the subclass gets its own copy, the superclass is left alone
-    Class& base = newClass("EnvSwizzleBase", Object::staticClass());
-    base.addMethod("greet", imp(baseOld), "i16@0:8");
-    Class& sub = newClass("EnvSwizzleSub", base);
-    sub.addMethod("nk_greet", imp(subNew), "i16@0:8");
+    Class& base = newClass(Object::staticClass(), false, P{"greet", baseOld});
+    Class& sub = newClass(base, false, P{"nk_greet", subNew});
     NKGlobalUtils::swizzleWithClass("greet", "nk_greet", sub);
     ASSERT_NE(sub.ownMethod("greet"), nullptr);
     EXPECT_EQ(sub.ownMethod("greet")->typeEncoding(), "i16@0:8");
@@ -196,23 +182,20 @@ TEST(NKGlobalUtils, Swizzle) {
     EXPECT_EQ(base.ownMethod("nk_greet"), nullptr);
   }
   {  // neither name is an instance method: the class methods are exchanged
-    Class& cls = newClass("EnvSwizzleMeta", Object::staticClass());
-    cls.metaclass().addMethod("make", imp(classOld), "@16@0:8");
-    cls.metaclass().addMethod("nk_make", imp(classNew), "@16@0:8");
+    Class& cls = newClass(Object::staticClass(), true, C{"make", classOld}, C{"nk_make", classNew});
     NKGlobalUtils::swizzleWithClass("make", "nk_make", cls);
-    EXPECT_EQ(callClass(cls, "make"), 5);
-    EXPECT_EQ(callClass(cls, "nk_make"), 4);
+    EXPECT_EQ(call(cls, "make", true), 5);
+    EXPECT_EQ(call(cls, "nk_make", true), 4);
     EXPECT_EQ(cls.ownMethod("make"), nullptr);
   }
   {  // one instance method found is enough to keep to instance methods
-    Class& cls = newClass("EnvSwizzleMixed", Object::staticClass());
-    cls.addMethod("nk_greet", imp(subNew), "i16@0:8");
-    cls.metaclass().addMethod("greet", imp(classOld), "@16@0:8");
-    cls.metaclass().addMethod("nk_greet", imp(classNew), "@16@0:8");
+    Class& cls =
+        newClass(Object::staticClass(), true, C{"greet", classOld}, C{"nk_greet", classNew});
+    cls.addMethod("nk_greet", reinterpret_cast<Imp>(subNew), "i16@0:8");
     NKGlobalUtils::swizzleWithClass("greet", "nk_greet", cls);
     EXPECT_EQ(call(cls, "greet"), 3);
-    EXPECT_EQ(callClass(cls, "greet"), 4);
-    EXPECT_EQ(callClass(cls, "nk_greet"), 5);
+    EXPECT_EQ(call(cls, "greet", true), 4);
+    EXPECT_EQ(call(cls, "nk_greet", true), 5);
   }
 }
 

@@ -9,9 +9,7 @@
 namespace nk {
 namespace {
 
-using test::ScopedEnv;
-using test::TempDir;
-using test::writeFile;
+using namespace test;
 
 std::string lookUp(std::string_view key, std::string_view comment) {
   return NKLocalizationUtils::deviceSpecificLocalizedStringWithComment(
@@ -29,8 +27,7 @@ TEST(NKLocalizationUtils, DeviceSpecificLocalizedString) {
   writeFile(dir / "app/Resources/en.lproj/Other.strings", "\"other_key\" = \"Other value\";\n");
   ScopedEnv bundle("NK_MAIN_BUNDLE", dir / "app");
   ScopedEnv language("LANGUAGE", "en");
-  // A translated key, whatever the comment says; untranslated keys, and keys only in
-  // another table, come back as they are.
+  // The comment does not matter; keys found only in another table come back as they are.
   EXPECT_EQ(lookUp("sign_in", "Sign-in button"), "Sign in");
   EXPECT_EQ(lookUp("not_translated", "whatever"), "not_translated");
   EXPECT_EQ(lookUp("other_key", "lives in Other.strings"), "other_key");

@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace nk {
@@ -48,16 +48,11 @@ TEST(StringTrim, ObjectReplacementBlanksAndSurrogates) {
   EXPECT_EQ(trimmed(u" \U0001F600 "), u"\U0001F600");
   EXPECT_EQ(trimmed(u" \xD800 \xDC00 "), u"\xD800 \xDC00");
   EXPECT_EQ(vnk_trim(nullptr), nullptr);
-  {  // a mutable receiver that needs no trimming still gives an immutable snapshot
-    auto m = make<MutableString>(NK_STR("abc"));
-    Ref<String> t = vnk_trim(m.get());
-    EXPECT_FALSE(t->isKindOfClass(MutableString::staticClass()));
-    m->appendUTF8("def");
-    EXPECT_EQ(t->utf8(), "abc");
-  }
-  // An immutable receiver that needs nothing comes back as itself.
-  Ref<String> same = S("abc");
-  EXPECT_EQ(vnk_trim(same.get()), same);
+  // A mutable receiver that needs no trimming still gives a snapshot.
+  auto m = make<MutableString>(NK_STR("abc"));
+  Ref<String> t = vnk_trim(m.get());
+  m->appendUTF8("def");
+  EXPECT_EQ(t->utf8(), "abc");
 }
 
 TEST(StringNullOrEmpty, BlankClasses) {
@@ -73,51 +68,42 @@ TEST(StringNullOrEmpty, BlankClasses) {
   EXPECT_TRUE(vnk_nullOrEmpty(String::fromLatin1("\xA0 \t").get()));
 }
 
-TEST(StringUUID, FormAndCase) {
-  // 8-4-4-4-12 hex digits of one case, version 4
-  const std::regex lower("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
-  const std::regex upper("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}");
-  EXPECT_TRUE(std::regex_match(vnk_UUID()->utf8(), lower));
-  EXPECT_TRUE(std::regex_match(vnk_UUID(false)->utf8(), upper));
-  std::set<std::string> seen;
-  for (int i = 0; i < 100; ++i) seen.insert(vnk_UUID()->utf8());
-  EXPECT_EQ(seen.size(), 100u);
+TEST(StringUUID, Case) {  // the form itself is the system UUID's
+  EXPECT_TRUE(std::regex_match(vnk_UUID()->utf8(), std::regex("[0-9a-f-]{36}")));
+  EXPECT_TRUE(std::regex_match(vnk_UUID(false)->utf8(), std::regex("[0-9A-F-]{36}")));
 }
 
 TEST(StringComparisons, EquivalencePrefixAndContainment) {
   const Ref<String> empty = S(""), a = S("a");
-  {  // equivalence: nil and "" are equal; otherwise literal, unit by unit
-    EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, empty.get()));
-    EXPECT_TRUE(vnk_isStringEquivalentToString(empty.get(), nullptr));
-    EXPECT_TRUE(vnk_isStringEquivalentToString(nullptr, nullptr));
-    EXPECT_TRUE(vnk_isStringEquivalentToString(a.get(), S("a").get()));
-    EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), S("A").get()));
-    EXPECT_FALSE(vnk_isStringEquivalentToString(a.get(), nullptr));
-    // No normalisation; storage does not matter.
-    EXPECT_FALSE(vnk_isStringEquivalentToString(S(u"\u00E9").get(), S(u"e\u0301").get()));
-    EXPECT_TRUE(
-        vnk_isStringEquivalentToString(String::fromLatin1("\xE9").get(), S(u"\u00E9").get()));
+  // Equivalence: nil and "" are equal; otherwise literal, unit by unit, whatever the storage.
+  const std::tuple<Ref<String>, Ref<String>, bool> pairs[] = {
+      {nullptr, empty, true},
+      {empty, nullptr, true},
+      {nullptr, nullptr, true},
+      {a, S("a"), true},
+      {a, S("A"), false},
+      {a, nullptr, false},
+      {S(u"\u00E9"), S(u"e\u0301"), false},
+      {String::fromLatin1("\xE9"), S(u"\u00E9"), true}};
+  for (const auto& [x, y, equal] : pairs) {
+    EXPECT_EQ(vnk_isStringEquivalentToString(x.get(), y.get()), equal)
+        << (x ? x->utf8() : "<nil>") << " / " << (y ? y->utf8() : "<nil>");
   }
-  {  // prefix removal: once, exactly
-    const Ref<String> s = S("abcabc");
-    EXPECT_EQ(vnk_deletePrefix(s.get(), S("abc").get())->utf8(), "abc");
-    EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabc").get())->length(), 0u);
-    // Not a prefix (empty, nil, another case, longer): the receiver itself.
-    for (const Ref<String>& p : {S(""), Ref<String>(), S("ABC"), S("abcabcd")}) {
-      EXPECT_EQ(vnk_deletePrefix(s.get(), p.get()), s) << (p ? p->utf8() : "<nil>");
-    }
-    EXPECT_EQ(vnk_deletePrefix(nullptr, a.get()), nullptr);
-    // A prefix ending in half a surrogate pair cuts by code units.
-    EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
+  // Prefix removal: once, exactly; otherwise (empty, nil, another case, longer) the receiver.
+  const Ref<String> s = S("abcabc");
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abc").get())->utf8(), "abc");
+  EXPECT_EQ(vnk_deletePrefix(s.get(), S("abcabc").get())->length(), 0u);
+  for (const Ref<String>& p : {S(""), Ref<String>(), S("ABC"), S("abcabcd")}) {
+    EXPECT_EQ(vnk_deletePrefix(s.get(), p.get()), s) << (p ? p->utf8() : "<nil>");
   }
-  {  // containment blind to case and diacritics; an empty needle is never contained
-    EXPECT_TRUE(
-        vnk_containsCaseAndDiacriticInsensitive(S("Le RÉSUMÉ final").get(), S("resume").get()));
-    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("").get()));
-    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), nullptr));
-    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("resumes").get()));
-    EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(nullptr, a.get()));
-  }
+  EXPECT_EQ(vnk_deletePrefix(nullptr, a.get()), nullptr);
+  // A prefix ending in half a surrogate pair cuts by code units.
+  EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
+  // Containment (the search itself is the system's); an empty or nil needle never matches.
+  EXPECT_TRUE(vnk_containsCaseAndDiacriticInsensitive(S("Le RÉSUMÉ").get(), S("resume").get()));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), S("").get()));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(S("Résumé").get(), nullptr));
+  EXPECT_FALSE(vnk_containsCaseAndDiacriticInsensitive(nullptr, a.get()));
 }
 
 TEST(StringPrefixClasses, DigitsAndSymbolicLinkIds) {

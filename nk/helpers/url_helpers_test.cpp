@@ -82,10 +82,9 @@ TEST(URLNormalizedHost, FirstOccurrenceLowerCased) {
   EXPECT_EQ(utf8(vnk_normalizedHostURL(U("http://Ab@Ab/Ab").get())->absoluteString()),
             "http://ab@Ab/Ab");
   // A host written with escapes does not occur literally: the URL itself comes back.
-  const Ref<URL> escaped = U("http://%41b.com/");
-  EXPECT_EQ(vnk_normalizedHostURL(escaped.get()), escaped);
-  const Ref<URL> hostless = U("file:///A");
-  EXPECT_EQ(vnk_normalizedHostURL(hostless.get()), hostless);
+  for (const Ref<URL>& same : {U("http://%41b.com/"), U("file:///A")}) {
+    EXPECT_EQ(vnk_normalizedHostURL(same.get()), same);
+  }
   EXPECT_EQ(vnk_normalizedHostURL(nullptr), nullptr);
 }
 
@@ -203,7 +202,6 @@ TEST(URLSubdomain, FirstLabel) {
 }
 
 TEST(URLQueryParameters, LargeQueryIsLinear) {
-  // A 10 MB query of short pairs parses in one pass.
   std::string text = "http://h/?";
   constexpr size_t kPairs = 1'000'000;
   text.reserve(10 + kPairs * 10);

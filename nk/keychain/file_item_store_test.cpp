@@ -57,35 +57,30 @@ class FileStore : public testing::Test {
 
 TEST_F(FileStore, FilesAndPermissions) {
   ASSERT_EQ(FileItemStore::folder(), folder_);
-  {  // reading creates nothing
-    EXPECT_EQ(store_.copy({"com.example.app", "a"}, nullptr), errSecItemNotFound);
-    EXPECT_FALSE(exists(folder_));
-  }
-  {  // one 0600 file per service in a 0700 folder, no temporary file left
-    ASSERT_EQ(store_.add({"com.example.app", "a"}, V("1")), errSecSuccess);
-    ASSERT_EQ(store_.add({"com.example.app", "b"}, V("2")), errSecSuccess);
-    ASSERT_EQ(store_.add({"a/b", "a"}, V("3")), errSecSuccess);
-    EXPECT_EQ(modeOf(folder_), 0700u);
-    EXPECT_EQ(modeOf(folder_ + "/com.example.app.keychain"), 0600u);
-    EXPECT_EQ(modeOf(folder_ + "/a%2Fb.keychain"), 0600u);
-    EXPECT_FALSE(exists(folder_ + "/.com.example.app.keychain.tmp"));
-  }
-  {  // a folder whose mode drifted is closed again
-    ::chmod(folder_.c_str(), 0755);
-    EXPECT_EQ(value({"a/b", "a"}), "3");
-    EXPECT_EQ(modeOf(folder_), 0700u);
-  }
-  {  // the last item of a service takes its file with it
-    ASSERT_EQ(store_.remove({"a/b", "a"}), errSecSuccess);
-    EXPECT_FALSE(exists(folder_ + "/a%2Fb.keychain"));
-  }
-  {  // file names: safe, distinct, and bounded
-    auto name = [](const std::string& s) { return FileItemStore::fileNameForService(s); };
-    EXPECT_EQ(name(".."), "%2E..keychain");
-    EXPECT_EQ(name("a%2Fb c\xC3\xA9"), "a%252Fb%20c%C3%A9.keychain");
-    EXPECT_EQ(name(std::string(200, '/')), std::nullopt);
-    EXPECT_EQ(store_.add({std::string(200, '/'), "a"}, V("1")), errSecParam);
-  }
+  // Reading creates nothing.
+  EXPECT_EQ(store_.copy({"com.example.app", "a"}, nullptr), errSecItemNotFound);
+  EXPECT_FALSE(exists(folder_));
+  // One 0600 file per service in a 0700 folder, no temporary file left.
+  ASSERT_EQ(store_.add({"com.example.app", "a"}, V("1")), errSecSuccess);
+  ASSERT_EQ(store_.add({"com.example.app", "b"}, V("2")), errSecSuccess);
+  ASSERT_EQ(store_.add({"a/b", "a"}, V("3")), errSecSuccess);
+  EXPECT_EQ(modeOf(folder_), 0700u);
+  EXPECT_EQ(modeOf(folder_ + "/com.example.app.keychain"), 0600u);
+  EXPECT_EQ(modeOf(folder_ + "/a%2Fb.keychain"), 0600u);
+  EXPECT_FALSE(exists(folder_ + "/.com.example.app.keychain.tmp"));
+  // A folder whose mode drifted is closed again.
+  ::chmod(folder_.c_str(), 0755);
+  EXPECT_EQ(value({"a/b", "a"}), "3");
+  EXPECT_EQ(modeOf(folder_), 0700u);
+  // The last item of a service takes its file with it.
+  ASSERT_EQ(store_.remove({"a/b", "a"}), errSecSuccess);
+  EXPECT_FALSE(exists(folder_ + "/a%2Fb.keychain"));
+  // File names: safe, distinct, and bounded.
+  auto name = [](const std::string& s) { return FileItemStore::fileNameForService(s); };
+  EXPECT_EQ(name(".."), "%2E..keychain");
+  EXPECT_EQ(name("a%2Fb c\xC3\xA9"), "a%252Fb%20c%C3%A9.keychain");
+  EXPECT_EQ(name(std::string(200, '/')), std::nullopt);
+  EXPECT_EQ(store_.add({std::string(200, '/'), "a"}, V("1")), errSecParam);
 }
 
 TEST_F(FileStore, DamagedFilesReadAsEmpty) {
@@ -104,10 +99,8 @@ TEST_F(FileStore, DamagedFilesReadAsEmpty) {
     ASSERT_EQ(logged.size(), 1u);
     EXPECT_NE(logged[0].find("damaged"), std::string::npos) << logged[0];
   }
-  {  // the next change replaces the damaged file with a sound one
-    EXPECT_EQ(store_.add(key, V("new")), errSecSuccess);
-    EXPECT_EQ(value(key), "new");
-  }
+  EXPECT_EQ(store_.add(key, V("new")), errSecSuccess);  // replaces the damaged file
+  EXPECT_EQ(value(key), "new");
   setLogSink(previous);
 }
 
@@ -116,18 +109,16 @@ TEST_F(FileStore, LinksAreNotFollowed) {
   test::writeFile(outside, "keep me");
   ASSERT_EQ(store_.add({"other", "x"}, V("1")), errSecSuccess);
   std::filesystem::create_symlink(outside, folder_ + "/com.example.app.keychain");
-  {  // a link in place of a service's file is refused, its target untouched
-    EXPECT_EQ(store_.copy({"com.example.app", "a"}, nullptr), errSecIO);
-    EXPECT_NE(store_.add({"com.example.app", "a"}, V("1")), errSecSuccess);
-    EXPECT_EQ(slurp(outside), "keep me");
-  }
-  {  // a link in place of the folder makes the store unavailable
-    std::filesystem::remove_all(folder_);
-    std::filesystem::create_directories(dir_ / "elsewhere");
-    std::filesystem::create_symlink(dir_ / "elsewhere", folder_);
-    EXPECT_EQ(store_.add({"com.example.app", "a"}, V("1")), errSecNotAvailable);
-    EXPECT_TRUE(std::filesystem::is_empty(dir_ / "elsewhere"));
-  }
+  // A link in place of a service's file is refused, its target untouched.
+  EXPECT_EQ(store_.copy({"com.example.app", "a"}, nullptr), errSecIO);
+  EXPECT_NE(store_.add({"com.example.app", "a"}, V("1")), errSecSuccess);
+  EXPECT_EQ(slurp(outside), "keep me");
+  // A link in place of the folder makes the store unavailable.
+  std::filesystem::remove_all(folder_);
+  std::filesystem::create_directories(dir_ / "elsewhere");
+  std::filesystem::create_symlink(dir_ / "elsewhere", folder_);
+  EXPECT_EQ(store_.add({"com.example.app", "a"}, V("1")), errSecNotAvailable);
+  EXPECT_TRUE(std::filesystem::is_empty(dir_ / "elsewhere"));
 }
 
 TEST_F(FileStore, WritersInSeveralProcessesTakeTurns) {
@@ -190,22 +181,19 @@ TEST_F(FileStore, AWriterKilledMidStreamLeavesOldOrNewValues) {
   ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself";
   ::close(ready[0]);
   ::close(ready[1]);
-  {  // keys are updated in order: key 0 holds the newest generation g, the rest g or g-1
-    long newest = -1;
-    for (int k = 0; k < kKeys; ++k) {
-      std::string got = value({"crash", std::to_string(k)});
-      size_t colon = got.find(':');
-      ASSERT_NE(colon, std::string::npos) << got;
-      long generation = std::stol(got.substr(colon + 1));
-      EXPECT_EQ(got, valueFor(k, generation));
-      if (k == 0) newest = generation;
-      EXPECT_TRUE(generation == newest || generation == newest - 1) << got;
-    }
+  // Keys are updated in order: key 0 holds the newest generation g, the rest g or g-1.
+  long newest = -1;
+  for (int k = 0; k < kKeys; ++k) {
+    std::string got = value({"crash", std::to_string(k)});
+    size_t colon = got.find(':');
+    ASSERT_NE(colon, std::string::npos) << got;
+    long generation = std::stol(got.substr(colon + 1));
+    EXPECT_EQ(got, valueFor(k, generation));
+    if (k == 0) newest = generation;
+    EXPECT_TRUE(generation == newest || generation == newest - 1) << got;
   }
-  {  // and the store goes on working
-    EXPECT_EQ(store_.update({"crash", "0"}, V("after")), errSecSuccess);
-    EXPECT_EQ(value({"crash", "0"}), "after");
-  }
+  EXPECT_EQ(store_.update({"crash", "0"}, V("after")), errSecSuccess);  // still working
+  EXPECT_EQ(value({"crash", "0"}), "after");
 }
 
 }  // namespace

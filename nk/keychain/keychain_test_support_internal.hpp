@@ -1,6 +1,5 @@
-// Helpers for the keychain tests: a fixture that runs a test on one store, chosen
-// through NK_KEYCHAIN_BACKEND, with the file store in a temporary folder, and items
-// named by a service of the test's own that are deleted afterwards.
+// A fixture that runs a test on one store, chosen through NK_KEYCHAIN_BACKEND, with
+// items of the test's own service deleted afterwards.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,8 +32,7 @@ inline std::string uniqueService(std::string_view stem) {
          std::to_string(counter.fetch_add(1));
 }
 
-// Without a Secret Service on the session bus the Secret Service cases are skipped,
-// unless NK_REQUIRE_SECRET_SERVICE=1 (CI), which makes them fail.
+// NK_REQUIRE_SECRET_SERVICE=1 (CI) turns a skip for want of a Secret Service into a failure.
 inline bool secretServiceRequired() {
   const char* required = std::getenv("NK_REQUIRE_SECRET_SERVICE");
   return required && std::string_view(required) == "1";
@@ -45,17 +42,6 @@ inline bool secretServiceOffered() {
   static const bool offered = keychain_internal::SecretServiceItemStore::isOfferedOnSessionBus();
   return offered;
 }
-
-}  // namespace nk::test
-
-namespace nk {
-// Names the store in test listings.
-inline void PrintTo(KeychainBackend backend, std::ostream* out) {
-  *out << (backend == KeychainBackend::kSecretService ? "secret-service" : "file");
-}
-}  // namespace nk
-
-namespace nk::test {
 
 inline std::string backendName(const testing::TestParamInfo<KeychainBackend>& info) {
   return info.param == KeychainBackend::kSecretService ? "SecretService" : "FileStore";
@@ -71,8 +57,7 @@ class BackendTest : public testing::TestWithParam<KeychainBackend> {
       if (secretServiceRequired()) {
         FAIL() << "NK_REQUIRE_SECRET_SERVICE=1 but the session bus has no Secret Service";
       }
-      GTEST_SKIP() << "no Secret Service on the session bus; run under "
-                      "scripts/with-secret-service (NK_REQUIRE_SECRET_SERVICE=1 makes this fail)";
+      GTEST_SKIP() << "no Secret Service on the session bus; run under with-secret-service";
     }
     backend_.emplace("NK_KEYCHAIN_BACKEND",
                      GetParam() == KeychainBackend::kSecretService ? "secret-service" : "file");
@@ -85,7 +70,7 @@ class BackendTest : public testing::TestWithParam<KeychainBackend> {
     }
   }
 
-  // The base query of an item, remembered so the item is deleted after the test.
+  // The base query of an item that is deleted after the test.
   Ref<MutableDictionary> item(const std::string& account) { return item(service_, account); }
   Ref<MutableDictionary> item(const std::string& service, const std::string& account) {
     made_.emplace_back(service, account);

@@ -45,36 +45,32 @@ using ItemServices = test::BackendTest;
 TEST_P(ItemServices, AddFindUpdateDelete) {
   auto token = item("token");
   const std::string notFound = "(" + std::to_string(errSecItemNotFound) + ")";
-  {  // a new item reads back; without kSecReturnData only the status comes back
-    ASSERT_EQ(add(token, bytes("first")), errSecSuccess);
-    EXPECT_EQ(read(token), "first");
-    Id result = bytes("stale");
-    EXPECT_EQ(SecItemCopyMatching(token.get(), &result), errSecSuccess);
-    EXPECT_FALSE(result);
-  }
-  {  // a second add is refused; update replaces, even with value data in the query
-    EXPECT_EQ(add(token, bytes("second")), errSecDuplicateItem);
-    EXPECT_EQ(read(token), "first");
-    Ref<MutableDictionary> withData = MutableDictionary::withDictionary(token.get());
-    withData->setObjectForKey(bytes("first"), kSecValueData());
-    EXPECT_EQ(update(withData, bytes("third")), errSecSuccess);
-    EXPECT_EQ(read(token), "third");
-  }
-  {  // service and account are compared exactly
-    const std::string other = test::uniqueService("other");
-    ASSERT_EQ(add(item("Token"), bytes("upper")), errSecSuccess);
-    ASSERT_EQ(add(item(other, "token"), bytes("elsewhere")), errSecSuccess);
-    EXPECT_EQ(read(token), "third");
-    EXPECT_EQ(read(item("Token")), "upper");
-    EXPECT_EQ(read(item(other, "token")), "elsewhere");
-  }
-  {  // one item: deleted once, then gone, and the others stay
-    EXPECT_EQ(SecItemDelete(token.get()), errSecSuccess);
-    EXPECT_EQ(SecItemDelete(token.get()), errSecItemNotFound);
-    EXPECT_EQ(read(token), notFound);
-    EXPECT_EQ(update(token, bytes("x")), errSecItemNotFound);
-    EXPECT_EQ(read(item("Token")), "upper");
-  }
+  // Without kSecReturnData only the status comes back.
+  ASSERT_EQ(add(token, bytes("first")), errSecSuccess);
+  EXPECT_EQ(read(token), "first");
+  Id result = bytes("stale");
+  EXPECT_EQ(SecItemCopyMatching(token.get(), &result), errSecSuccess);
+  EXPECT_FALSE(result);
+  // A second add is refused; update replaces, even with value data in the query.
+  EXPECT_EQ(add(token, bytes("second")), errSecDuplicateItem);
+  EXPECT_EQ(read(token), "first");
+  Ref<MutableDictionary> withData = MutableDictionary::withDictionary(token.get());
+  withData->setObjectForKey(bytes("first"), kSecValueData());
+  EXPECT_EQ(update(withData, bytes("third")), errSecSuccess);
+  EXPECT_EQ(read(token), "third");
+  // Service and account are compared exactly.
+  const std::string other = test::uniqueService("other");
+  ASSERT_EQ(add(item("Token"), bytes("upper")), errSecSuccess);
+  ASSERT_EQ(add(item(other, "token"), bytes("elsewhere")), errSecSuccess);
+  EXPECT_EQ(read(token), "third");
+  EXPECT_EQ(read(item("Token")), "upper");
+  EXPECT_EQ(read(item(other, "token")), "elsewhere");
+  // Deleted once, then gone, and the others stay.
+  EXPECT_EQ(SecItemDelete(token.get()), errSecSuccess);
+  EXPECT_EQ(SecItemDelete(token.get()), errSecItemNotFound);
+  EXPECT_EQ(read(token), notFound);
+  EXPECT_EQ(update(token, bytes("x")), errSecItemNotFound);
+  EXPECT_EQ(read(item("Token")), "upper");
 }
 
 TEST_P(ItemServices, AnyBytes) {
@@ -122,36 +118,32 @@ TEST_P(ItemServices, MalformedQueries) {
     value ? query->setObjectForKey(value, key.get()) : query->removeObjectForKey(key.get());
     return query;
   };
-  {  // refused by every operation
-    for (const Ref<MutableDictionary>& query :
-         {changed(kSecClass(), nullptr), changed(kSecClass(), S("inet")),
-          changed(kSecAttrService(), nullptr), changed(kSecAttrAccount(), nullptr),
-          changed(kSecAttrAccount(), Number::withInt(7)), changed(kSecAttrAccessible(), S("dk")),
-          changed(kSecValueData(), S("not data")), changed(S("labl"), S("a label")),
-          changed(Number::withInt(1), S("number key")), Ref<MutableDictionary>()}) {
-      EXPECT_EQ(SecItemAdd(query.get()), errSecParam);
-      EXPECT_EQ(SecItemCopyMatching(query.get(), nullptr), errSecParam);
-      EXPECT_EQ(update(query, bytes("x")), errSecParam);
-      EXPECT_EQ(SecItemDelete(query.get()), errSecParam);
-    }
+  for (const Ref<MutableDictionary>& query :
+       {changed(kSecClass(), nullptr), changed(kSecClass(), S("inet")),
+        changed(kSecAttrService(), nullptr), changed(kSecAttrAccount(), nullptr),
+        changed(kSecAttrAccount(), Number::withInt(7)), changed(kSecAttrAccessible(), S("dk")),
+        changed(kSecValueData(), S("not data")), changed(S("labl"), S("a label")),
+        changed(Number::withInt(1), S("number key")), Ref<MutableDictionary>()}) {
+    EXPECT_EQ(SecItemAdd(query.get()), errSecParam);
+    EXPECT_EQ(SecItemCopyMatching(query.get(), nullptr), errSecParam);
+    EXPECT_EQ(update(query, bytes("x")), errSecParam);
+    EXPECT_EQ(SecItemDelete(query.get()), errSecParam);
   }
-  {  // search keys belong to searches, and the only match limit is one
-    EXPECT_EQ(SecItemAdd(changed(kSecReturnData(), Number::yes()).get()), errSecParam);
-    EXPECT_EQ(SecItemDelete(changed(kSecMatchLimit(), kSecMatchLimitOne()).get()), errSecParam);
-    EXPECT_EQ(SecItemCopyMatching(changed(kSecMatchLimit(), S("m_LimitAll")).get(), nullptr),
-              errSecParam);
-    EXPECT_EQ(SecItemCopyMatching(changed(kSecReturnData(), S("yes")).get(), nullptr), errSecParam);
+  // Search keys belong to searches, and the only match limit is one.
+  EXPECT_EQ(SecItemAdd(changed(kSecReturnData(), Number::yes()).get()), errSecParam);
+  EXPECT_EQ(SecItemDelete(changed(kSecMatchLimit(), kSecMatchLimitOne()).get()), errSecParam);
+  EXPECT_EQ(SecItemCopyMatching(changed(kSecMatchLimit(), S("m_LimitAll")).get(), nullptr),
+            errSecParam);
+  EXPECT_EQ(SecItemCopyMatching(changed(kSecReturnData(), S("yes")).get(), nullptr), errSecParam);
+  // An update changes the value data and nothing else.
+  ASSERT_EQ(add(changed(kSecAttrAccessible(), kSecAttrAccessibleWhenUnlocked()), bytes("v")),
+            errSecSuccess);
+  for (const Ref<Dictionary>& attributes :
+       {Ref<Dictionary>(), Dictionary::make(), Dictionary::make({{kSecValueData(), S("w")}}),
+        Dictionary::make({{kSecValueData(), bytes("w")}, {kSecAttrAccount(), S("q2")}})}) {
+    EXPECT_EQ(SecItemUpdate(item("q").get(), attributes.get()), errSecParam);
   }
-  {  // an update changes the value data and nothing else
-    ASSERT_EQ(add(changed(kSecAttrAccessible(), kSecAttrAccessibleWhenUnlocked()), bytes("v")),
-              errSecSuccess);
-    for (const Ref<Dictionary>& attributes :
-         {Ref<Dictionary>(), Dictionary::make(), Dictionary::make({{kSecValueData(), S("w")}}),
-          Dictionary::make({{kSecValueData(), bytes("w")}, {kSecAttrAccount(), S("q2")}})}) {
-      EXPECT_EQ(SecItemUpdate(item("q").get(), attributes.get()), errSecParam);
-    }
-    EXPECT_EQ(read(item("q")), "v");
-  }
+  EXPECT_EQ(read(item("q")), "v");
 }
 
 TEST_P(ItemServices, ThreadsAtOnce) {

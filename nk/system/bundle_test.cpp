@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <array>
 #include <cstdlib>
 
 #include "nk/foundation/number.hpp"
@@ -86,10 +87,9 @@ TEST(Bundle, MainBundleFollowsTheVariable) {
     folder.resize(folder.rfind('/'));
     EXPECT_EQ(Bundle::mainBundle()->bundlePath()->utf8(), folder);
   }
-  {  // bundleWithPath refuses what is not a folder
-    EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "missing").get()));
-    EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "one/Info.plist").get()));
-  }
+  // bundleWithPath refuses what is not a folder.
+  EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "missing").get()));
+  EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "one/Info.plist").get()));
 }
 
 TEST(Bundle, LibraryBundleAndClasses) {
@@ -165,34 +165,31 @@ TEST(Bundle, LocalizedStringsFallBackInOrder) {
                                 table ? S(table).get() : nullptr)
         ->utf8();
   };
-  {  // region first, then language, development region, "en", "Base"
-    EXPECT_EQ(lookup("greeting"), "Salut (FR)");
-    EXPECT_EQ(lookup("bye"), "Au revoir");
-    EXPECT_EQ(lookup("only-de"), "Nur Deutsch");
-    EXPECT_EQ(lookup("only-en"), "English");
-    EXPECT_EQ(lookup("only-base"), "Base");
+  // Region first, then language, development region, "en", "Base"; untranslated: the value
+  // when not empty, else the key.
+  // Key, value, table, expected.
+  const std::array<const char*, 4> rows[] = {{"greeting", nullptr, nullptr, "Salut (FR)"},
+                                             {"bye", nullptr, nullptr, "Au revoir"},
+                                             {"only-de", nullptr, nullptr, "Nur Deutsch"},
+                                             {"only-en", nullptr, nullptr, "English"},
+                                             {"only-base", nullptr, nullptr, "Base"},
+                                             {"untranslated", nullptr, nullptr, "untranslated"},
+                                             {"untranslated", "", nullptr, "untranslated"},
+                                             {"untranslated", "Fallback", nullptr, "Fallback"},
+                                             {"greeting", "Fallback", nullptr, "Salut (FR)"},
+                                             {"greeting", nullptr, "Other", "Autre"},
+                                             {"bye", nullptr, "Other", "bye"}};
+  for (const auto& [key, value, table, expected] : rows) {
+    EXPECT_EQ(lookup(key, value, table), expected) << key << " " << (table ? table : "");
   }
-  {  // untranslated: the value when not empty, else the key
-    EXPECT_EQ(lookup("untranslated"), "untranslated");
-    EXPECT_EQ(lookup("untranslated", ""), "untranslated");
-    EXPECT_EQ(lookup("untranslated", "Fallback"), "Fallback");
-    EXPECT_EQ(lookup("greeting", "Fallback"), "Salut (FR)");
-  }
-  {  // another table
-    EXPECT_EQ(lookup("greeting", nullptr, "Other"), "Autre");
-    EXPECT_EQ(lookup("bye", nullptr, "Other"), "bye");
-  }
-  {  // a rewritten table is read again; a malformed one counts as empty
-    writeFile(dir / "Resources/fr.lproj/Localizable.strings", "\"bye\" = \"Salut alors\";");
-    EXPECT_EQ(lookup("bye"), "Salut alors");
-    writeFile(dir / "Resources/fr.lproj/Localizable.strings", "\"bye\" = \"unterminated;");
-    EXPECT_EQ(lookup("bye"), "bye");
-  }
-  {  // another language order
-    ScopedEnv language("LANGUAGE", std::string("de"));
-    EXPECT_EQ(lookup("greeting"), "greeting");
-    EXPECT_EQ(lookup("only-de"), "Nur Deutsch");
-  }
+  // A rewritten table is read again; a malformed one counts as empty.
+  writeFile(dir / "Resources/fr.lproj/Localizable.strings", "\"bye\" = \"Salut alors\";");
+  EXPECT_EQ(lookup("bye"), "Salut alors");
+  writeFile(dir / "Resources/fr.lproj/Localizable.strings", "\"bye\" = \"unterminated;");
+  EXPECT_EQ(lookup("bye"), "bye");
+  ScopedEnv language("LANGUAGE", std::string("de"));
+  EXPECT_EQ(lookup("greeting"), "greeting");
+  EXPECT_EQ(lookup("only-de"), "Nur Deutsch");
 }
 
 std::string utf16(const std::u16string& text, bool little) {

@@ -68,58 +68,42 @@ TEST(FileManagerExists, DirectoryFlagAndLinks) {
 
 TEST(FileManagerCreate, IntermediatesAndExistingItems) {
   TempDir dir;
-  {  // without intermediates a missing parent fails with 4 / ENOENT
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), false, nullptr, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain()->utf8(), "NSCocoaErrorDomain");
-    EXPECT_EQ(error->code(), kFileNoSuchFileError);
-    EXPECT_EQ(underlyingErrno(error), ENOENT);
-    EXPECT_EQ(error->underlyingError()->domain()->utf8(), "NSPOSIXErrorDomain");
-  }
-  {  // with intermediates every level is made
-    Ref<Error> error;
-    EXPECT_TRUE(fm()->createDirectoryAtPath(S(dir / "a/b/c").get(), true, nullptr, &error));
-    EXPECT_FALSE(error);
-    EXPECT_TRUE(std::filesystem::is_directory(dir / "a/b/c"));
-  }
-  {  // an existing folder: success with intermediates, 516 without
-    EXPECT_TRUE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), true, nullptr, nullptr));
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), false, nullptr, &error));
-    EXPECT_EQ(codeOf(error), kFileWriteFileExistsError);
-  }
-  {  // an existing file fails either way and carries its path
-    writeFile(dir / "file", "x");
-    for (bool intermediates : {false, true}) {
-      Ref<Error> error;
-      EXPECT_FALSE(
-          fm()->createDirectoryAtPath(S(dir / "file").get(), intermediates, nullptr, &error));
-      EXPECT_EQ(codeOf(error), kFileWriteFileExistsError);
-      EXPECT_EQ(pathOf(error), dir / "file");
-    }
-  }
-  {  // a file in the middle of the path stops the intermediates
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "file/x/y").get(), true, nullptr, &error));
-    EXPECT_TRUE(error);
-  }
-  {  // requested permissions are applied exactly, past the umask
-    auto attributes = Dictionary::make({{kFilePosixPermissionsKey(), Number::withInt(0700)}});
-    ASSERT_TRUE(fm()->createDirectoryAtPath(S(dir / "p/q").get(), true, attributes.get(), nullptr));
-    struct stat st;
-    ASSERT_EQ(::stat((dir / "p/q").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0700u);
-  }
-  {  // the URL form, and a non-file URL refused
-    auto url = URL::fileURLWithPath(dir / "u/v", true);
-    EXPECT_TRUE(fm()->createDirectoryAtURL(url.get(), true, nullptr, nullptr));
-    EXPECT_TRUE(exists(dir / "u/v"));
-    Ref<Error> error;
+  Ref<Error> error;  // without intermediates a missing parent fails with 4 / ENOENT
+  EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), false, nullptr, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain()->utf8(), "NSCocoaErrorDomain");
+  EXPECT_EQ(error->code(), kFileNoSuchFileError);
+  EXPECT_EQ(underlyingErrno(error), ENOENT);
+  EXPECT_EQ(error->underlyingError()->domain()->utf8(), "NSPOSIXErrorDomain");
+  EXPECT_TRUE(fm()->createDirectoryAtPath(S(dir / "a/b/c").get(), true, nullptr, nullptr));
+  EXPECT_TRUE(std::filesystem::is_directory(dir / "a/b/c"));
+  // An existing folder: success with intermediates, 516 without.
+  EXPECT_TRUE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), true, nullptr, nullptr));
+  EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "a/b").get(), false, nullptr, &error));
+  EXPECT_EQ(codeOf(error), kFileWriteFileExistsError);
+  // An existing file fails either way and carries its path.
+  writeFile(dir / "file", "x");
+  for (bool intermediates : {false, true}) {
+    error = nullptr;
     EXPECT_FALSE(
-        fm()->createDirectoryAtURL(URL::fromString("http://h/x").get(), true, nullptr, &error));
-    EXPECT_EQ(codeOf(error), kFileWriteUnsupportedSchemeError);
+        fm()->createDirectoryAtPath(S(dir / "file").get(), intermediates, nullptr, &error));
+    EXPECT_EQ(codeOf(error), kFileWriteFileExistsError);
+    EXPECT_EQ(pathOf(error), dir / "file");
   }
+  EXPECT_FALSE(fm()->createDirectoryAtPath(S(dir / "file/x/y").get(), true, nullptr, nullptr));
+  // Requested permissions are applied exactly, past the umask.
+  auto attributes = Dictionary::make({{kFilePosixPermissionsKey(), Number::withInt(0700)}});
+  ASSERT_TRUE(fm()->createDirectoryAtPath(S(dir / "p/q").get(), true, attributes.get(), nullptr));
+  struct stat st;
+  ASSERT_EQ(::stat((dir / "p/q").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  // The URL form, and a non-file URL refused.
+  EXPECT_TRUE(fm()->createDirectoryAtURL(URL::fileURLWithPath(dir / "u/v", true).get(), true,
+                                         nullptr, nullptr));
+  EXPECT_TRUE(exists(dir / "u/v"));
+  EXPECT_FALSE(
+      fm()->createDirectoryAtURL(URL::fromString("http://h/x").get(), true, nullptr, &error));
+  EXPECT_EQ(codeOf(error), kFileWriteUnsupportedSchemeError);
 }
 
 TEST(FileManagerCreate, ConcurrentCreatorsAllSucceed) {
@@ -142,36 +126,28 @@ TEST(FileManagerList, NamesUrlsAndErrors) {
   writeFile(dir / "b", "");
   writeFile(dir / ".hidden", "");
   ::mkdir((dir / "a").c_str(), 0700);
-  {  // names: hidden included, no dot entries, byte order
-    auto list = fm()->contentsOfDirectoryAtPath(S(dir.path()).get(), nullptr);
-    ASSERT_TRUE(list);
-    EXPECT_EQ(names(list.get()), (std::vector<std::string>{".hidden", "a", "b"}));
-  }
-  {  // URLs: folders end in "/", hidden files skipped on request
-    auto url = URL::fileURLWithPath(dir.path(), true);
-    auto list = fm()->contentsOfDirectoryAtURL(url.get(), nullptr,
-                                               kDirectoryEnumerationSkipsHiddenFiles, nullptr);
-    ASSERT_TRUE(list);
-    ASSERT_EQ(list->count(), 2u);
-    EXPECT_TRUE(cast<URL>(list->objectAtIndex(0))->absoluteString()->utf8().ends_with("/a/"));
-    EXPECT_TRUE(cast<URL>(list->objectAtIndex(1))->absoluteString()->utf8().ends_with("/b"));
-    EXPECT_EQ(fm()->contentsOfDirectoryAtURL(url.get(), nullptr, 0, nullptr)->count(), 3u);
-  }
-  {  // a missing folder: nil and 260
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->contentsOfDirectoryAtPath(S(dir / "missing").get(), &error));
-    EXPECT_EQ(codeOf(error), kFileReadNoSuchFileError);
-  }
-  {  // a file: nil and 256 with ENOTDIR underneath
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->contentsOfDirectoryAtPath(S(dir / "b").get(), &error));
-    EXPECT_EQ(codeOf(error), kFileReadUnknownError);
-    EXPECT_EQ(underlyingErrno(error), ENOTDIR);
-  }
-  {  // an empty folder is an empty array, not nil
-    auto list = fm()->contentsOfDirectoryAtPath(S(dir / "a").get(), nullptr);
-    EXPECT_EQ(list ? list->count() : 99u, 0u);
-  }
+  // Names: hidden included, no dot entries, byte order.
+  auto list = fm()->contentsOfDirectoryAtPath(S(dir.path()).get(), nullptr);
+  ASSERT_TRUE(list);
+  EXPECT_EQ(names(list.get()), (std::vector<std::string>{".hidden", "a", "b"}));
+  // URLs: folders end in "/", hidden files skipped on request.
+  auto url = URL::fileURLWithPath(dir.path(), true);
+  list = fm()->contentsOfDirectoryAtURL(url.get(), nullptr, kDirectoryEnumerationSkipsHiddenFiles,
+                                        nullptr);
+  ASSERT_TRUE(list);
+  ASSERT_EQ(list->count(), 2u);
+  EXPECT_TRUE(cast<URL>(list->objectAtIndex(0))->absoluteString()->utf8().ends_with("/a/"));
+  EXPECT_TRUE(cast<URL>(list->objectAtIndex(1))->absoluteString()->utf8().ends_with("/b"));
+  EXPECT_EQ(fm()->contentsOfDirectoryAtURL(url.get(), nullptr, 0, nullptr)->count(), 3u);
+  // Missing: 260; a file: 256 with ENOTDIR underneath; an empty folder: empty, not nil.
+  Ref<Error> error;
+  EXPECT_FALSE(fm()->contentsOfDirectoryAtPath(S(dir / "missing").get(), &error));
+  EXPECT_EQ(codeOf(error), kFileReadNoSuchFileError);
+  EXPECT_FALSE(fm()->contentsOfDirectoryAtPath(S(dir / "b").get(), &error));
+  EXPECT_EQ(codeOf(error), kFileReadUnknownError);
+  EXPECT_EQ(underlyingErrno(error), ENOTDIR);
+  list = fm()->contentsOfDirectoryAtPath(S(dir / "a").get(), nullptr);
+  EXPECT_EQ(list ? list->count() : 99u, 0u);
 }
 
 TEST(FileManagerRemove, NeverFollowsLinks) {
@@ -181,34 +157,25 @@ TEST(FileManagerRemove, NeverFollowsLinks) {
   writeFile(dir / "tree/.hidden/deep/file", "x");
   ::symlink((dir / "outside").c_str(), (dir / "tree/a/link-to-outside").c_str());
   ::symlink((dir / "outside/keep.txt").c_str(), (dir / "tree/file-link").c_str());
-  {  // removing a tree unlinks the links inside it and leaves their targets alone
-    Ref<Error> error;
-    EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "tree").get(), &error))
-        << error->description()->utf8();
-    EXPECT_FALSE(exists(dir / "tree"));
-    EXPECT_TRUE(exists(dir / "outside/keep.txt"));
-  }
-  {  // a link to a folder, by path or by a URL with a trailing "/": only the link goes
-    ::symlink((dir / "outside").c_str(), (dir / "top-link").c_str());
-    ::symlink((dir / "outside").c_str(), (dir / "url-link").c_str());
-    EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "top-link").get(), nullptr));
-    EXPECT_TRUE(fm()->removeItemAtURL(URL::fileURLWithPath(dir / "url-link", true).get(), nullptr));
-    EXPECT_FALSE(exists(dir / "top-link"));
-    EXPECT_FALSE(exists(dir / "url-link"));
-    EXPECT_TRUE(exists(dir / "outside/keep.txt"));
-  }
-  {  // a dangling link and a plain file
-    ::symlink((dir / "nowhere").c_str(), (dir / "dangling").c_str());
-    EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "dangling").get(), nullptr));
-    EXPECT_FALSE(exists(dir / "dangling"));
-    EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "outside/keep.txt").get(), nullptr));
-    EXPECT_FALSE(exists(dir / "outside/keep.txt"));
-  }
-  {  // a missing item fails with 4
-    Ref<Error> error;
-    EXPECT_FALSE(fm()->removeItemAtPath(S(dir / "missing").get(), &error));
-    EXPECT_EQ(codeOf(error), kFileNoSuchFileError);
-  }
+  // Removing a tree unlinks the links inside it and leaves their targets alone.
+  Ref<Error> error;
+  EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "tree").get(), &error))
+      << error->description()->utf8();
+  EXPECT_FALSE(exists(dir / "tree"));
+  EXPECT_TRUE(exists(dir / "outside/keep.txt"));
+  // A link to a folder, by path or by a URL with a trailing "/": only the link goes.
+  ::symlink((dir / "outside").c_str(), (dir / "top-link").c_str());
+  ::symlink((dir / "outside").c_str(), (dir / "url-link").c_str());
+  EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "top-link").get(), nullptr));
+  EXPECT_TRUE(fm()->removeItemAtURL(URL::fileURLWithPath(dir / "url-link", true).get(), nullptr));
+  EXPECT_FALSE(exists(dir / "top-link"));
+  EXPECT_FALSE(exists(dir / "url-link"));
+  EXPECT_TRUE(exists(dir / "outside/keep.txt"));
+  ::symlink((dir / "nowhere").c_str(), (dir / "dangling").c_str());
+  EXPECT_TRUE(fm()->removeItemAtPath(S(dir / "dangling").get(), nullptr));
+  EXPECT_FALSE(exists(dir / "dangling"));
+  EXPECT_FALSE(fm()->removeItemAtPath(S(dir / "missing").get(), &error));
+  EXPECT_EQ(codeOf(error), kFileNoSuchFileError);
 }
 
 TEST(FileManagerRemove, ReportsTheItemThatCannotGo) {
@@ -260,25 +227,19 @@ TEST(FileManagerEnumerate, PreOrderWithoutDescendingLinks) {
                 ->allObjects()
                 ->count(),
             4u);
-  {  // a folder URL ends in "/", a file URL does not
-    auto walk = fm()->enumeratorAtURL(root.get(), nullptr, 0, nullptr);
-    auto first = walk->nextObject();
-    EXPECT_TRUE(first->absoluteString()->utf8().ends_with("/.h/"));
-    EXPECT_TRUE(walk->nextObject()->absoluteString()->utf8().ends_with("/.h/inner"));
-  }
-  {  // a missing root reports to the handler and yields nothing
-    int reports = 0;
-    long code = 0;
-    auto walk = fm()->enumeratorAtURL(URL::fileURLWithPath(dir / "missing", true).get(), nullptr, 0,
-                                      [&](const URL*, const Error* error) {
-                                        ++reports;
-                                        code = error->code();
-                                        return true;
-                                      });
-    EXPECT_FALSE(walk->nextObject());
-    EXPECT_EQ(reports, 1);
-    EXPECT_EQ(code, kFileReadNoSuchFileError);
-  }
+  // A folder URL ends in "/", a file URL does not.
+  auto walker = fm()->enumeratorAtURL(root.get(), nullptr, 0, nullptr);
+  EXPECT_TRUE(walker->nextObject()->absoluteString()->utf8().ends_with("/.h/"));
+  EXPECT_TRUE(walker->nextObject()->absoluteString()->utf8().ends_with("/.h/inner"));
+  // A missing root reports to the handler once and yields nothing.
+  std::vector<long> reports;
+  walker = fm()->enumeratorAtURL(URL::fileURLWithPath(dir / "missing", true).get(), nullptr, 0,
+                                 [&](const URL*, const Error* error) {
+                                   reports.push_back(error->code());
+                                   return true;
+                                 });
+  EXPECT_FALSE(walker->nextObject());
+  EXPECT_EQ(reports, std::vector<long>{kFileReadNoSuchFileError});
 }
 
 TEST(FileManagerAttributes, SizeTypeAndDate) {
@@ -313,36 +274,29 @@ TEST(FileManagerResourceValues, IsDirectoryAndBackupMark) {
   const std::string filePath = dir / "file";
   EXPECT_EQ(resource(URL::fileURLWithPath(dir.path(), true).get(), kURLIsDirectoryKey()), "YES");
   EXPECT_EQ(resource(file.get(), kURLIsDirectoryKey()), "NO");
-  {  // a missing item: false and 260
-    Id value;
-    Ref<Error> error;
-    auto missing = URL::fileURLWithPath(dir / "missing", false);
-    EXPECT_FALSE(getResourceValue(missing.get(), &value, kURLIsDirectoryKey(), &error));
-    EXPECT_EQ(codeOf(error), kFileReadNoSuchFileError);
-    EXPECT_FALSE(
-        setResourceValue(missing.get(), Number::no(), kURLIsExcludedFromBackupKey(), nullptr));
-  }
-  {  // other keys cannot be written
-    Ref<Error> error;
-    EXPECT_FALSE(setResourceValue(file.get(), Number::yes(), kURLIsDirectoryKey(), &error));
-    EXPECT_TRUE(error);
-  }
+  Id value;  // a missing item: false and 260
+  Ref<Error> error;
+  auto missing = URL::fileURLWithPath(dir / "missing", false);
+  EXPECT_FALSE(getResourceValue(missing.get(), &value, kURLIsDirectoryKey(), &error));
+  EXPECT_EQ(codeOf(error), kFileReadNoSuchFileError);
+  EXPECT_FALSE(
+      setResourceValue(missing.get(), Number::no(), kURLIsExcludedFromBackupKey(), nullptr));
+  error = nullptr;  // other keys cannot be written
+  EXPECT_FALSE(setResourceValue(file.get(), Number::yes(), kURLIsDirectoryKey(), &error));
+  EXPECT_TRUE(error);
   if (::setxattr(filePath.c_str(), "user.nk.probe", "1", 1, 0) != 0) {
-    GTEST_SKIP() << "this file system refuses user extended attributes (errno " << errno
-                 << "); the backup mark cannot be tested here";
+    GTEST_SKIP() << "this file system keeps no user extended attributes";
   }
-  {  // round trip: YES writes "false", NO removes the attribute
-    EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "NO");
-    ASSERT_TRUE(
-        setResourceValue(file.get(), Number::yes(), kURLIsExcludedFromBackupKey(), nullptr));
-    char buffer[16] = {};
-    ssize_t size = ::getxattr(filePath.c_str(), kBackupAttributeName, buffer, sizeof buffer);
-    EXPECT_EQ(std::string(buffer, size > 0 ? size : 0), "false");
-    EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "YES");
-    ASSERT_TRUE(setResourceValue(file.get(), Number::no(), kURLIsExcludedFromBackupKey(), nullptr));
-    EXPECT_LT(::getxattr(filePath.c_str(), kBackupAttributeName, buffer, sizeof buffer), 0);
-    EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "NO");
-  }
+  // Round trip: YES writes "false", NO removes the attribute.
+  EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "NO");
+  ASSERT_TRUE(setResourceValue(file.get(), Number::yes(), kURLIsExcludedFromBackupKey(), nullptr));
+  char buffer[16] = {};
+  ssize_t size = ::getxattr(filePath.c_str(), kBackupAttributeName, buffer, sizeof buffer);
+  EXPECT_EQ(std::string(buffer, size > 0 ? size : 0), "false");
+  EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "YES");
+  ASSERT_TRUE(setResourceValue(file.get(), Number::no(), kURLIsExcludedFromBackupKey(), nullptr));
+  EXPECT_LT(::getxattr(filePath.c_str(), kBackupAttributeName, buffer, sizeof buffer), 0);
+  EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "NO");
   // a "true" mark left by another tool reads as not excluded
   ::setxattr(filePath.c_str(), kBackupAttributeName, "true", 4, 0);
   EXPECT_EQ(resource(file.get(), kURLIsExcludedFromBackupKey()), "NO");

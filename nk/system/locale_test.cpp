@@ -15,8 +15,7 @@ using test::ScopedEnv;
 
 std::string currentIdentifier() { return Locale::current()->localeIdentifier()->utf8(); }
 
-// Declared before the variables it outlives: puts ICU's default back as the
-// restored environment has it.
+// Declared before the variables it outlives: resets ICU's default from the restored ones.
 struct ResyncIcuDefault {
   ~ResyncIcuDefault() { Locale::current(); }
 };
@@ -52,26 +51,20 @@ TEST(Locale, CurrentFollowsTheEnvironment) {
 }
 
 TEST(Locale, Identifiers) {
-  {  // ICU and POSIX spellings give the canonical identifier
-    EXPECT_EQ(Locale::withIdentifier("pt-BR")->localeIdentifier()->utf8(), "pt_BR");
-    EXPECT_EQ(Locale::withIdentifier("ja_JP.eucJP")->localeIdentifier()->utf8(), "ja_JP");
-    EXPECT_EQ(Locale::withIdentifier("en")->countryCode()->utf8(), "");
-  }
-  {  // ICU keywords survive after a codeset
-    Ref<Locale> l = Locale::withIdentifier("th_TH.UTF-8@calendar=gregorian");
-    ASSERT_TRUE(l);
-    EXPECT_NE(l->icuIdentifier().find("calendar=gregorian"), std::string::npos);
-    EXPECT_EQ(l->localeIdentifier()->utf8(), "th_TH");
-  }
-  {  // nonsense is nil
-    EXPECT_FALSE(Locale::withIdentifier(""));
-    EXPECT_FALSE(Locale::withIdentifier("en US"));
-    EXPECT_FALSE(Locale::withIdentifier(std::string(300, 'a')));
-  }
-  {  // equality by identifier
-    EXPECT_TRUE(isEqual(Locale::withIdentifier("pt-BR"), Locale::withIdentifier("pt_BR")));
-    EXPECT_FALSE(isEqual(Locale::withIdentifier("pt_PT"), Locale::withIdentifier("pt_BR")));
-    EXPECT_EQ(Locale::withIdentifier("pt-BR")->hash(), Locale::withIdentifier("pt_BR")->hash());
+  // ICU and POSIX spellings give the canonical identifier; equality goes by it.
+  EXPECT_EQ(Locale::withIdentifier("pt-BR")->localeIdentifier()->utf8(), "pt_BR");
+  EXPECT_EQ(Locale::withIdentifier("ja_JP.eucJP")->localeIdentifier()->utf8(), "ja_JP");
+  EXPECT_EQ(Locale::withIdentifier("en")->countryCode()->utf8(), "");
+  EXPECT_TRUE(isEqual(Locale::withIdentifier("pt-BR"), Locale::withIdentifier("pt_BR")));
+  EXPECT_FALSE(isEqual(Locale::withIdentifier("pt_PT"), Locale::withIdentifier("pt_BR")));
+  EXPECT_EQ(Locale::withIdentifier("pt-BR")->hash(), Locale::withIdentifier("pt_BR")->hash());
+  // ICU keywords survive after a codeset.
+  Ref<Locale> l = Locale::withIdentifier("th_TH.UTF-8@calendar=gregorian");
+  ASSERT_TRUE(l);
+  EXPECT_NE(l->icuIdentifier().find("calendar=gregorian"), std::string::npos);
+  EXPECT_EQ(l->localeIdentifier()->utf8(), "th_TH");
+  for (const std::string& nonsense : {std::string(), std::string("en US"), std::string(300, 'a')}) {
+    EXPECT_FALSE(Locale::withIdentifier(nonsense)) << nonsense;
   }
 }
 

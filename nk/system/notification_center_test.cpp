@@ -28,17 +28,11 @@ TEST(NotificationCenter, MatchesByNameAndSender) {
   auto byBoth = center->addObserver(NK_STR("B"), sender, [&](const Notification* n) {
     heard.push_back("both:" + n->name()->utf8());
   });
-  {  // a name alone
-    center->postNotification(NK_STR("A"), nullptr);
-    EXPECT_EQ(heard, (std::vector<std::string>{"name:A"}));
-  }
-  {  // a sender is matched by identity, not equality
-    heard.clear();
-    center->postNotification(NK_STR("B"), other.get());
-    EXPECT_TRUE(heard.empty());
-    center->postNotification(NK_STR("B"), sender);
-    EXPECT_EQ(heard, (std::vector<std::string>{"sender:B", "both:B"}));
-  }
+  center->postNotification(NK_STR("A"), nullptr);
+  // A sender is matched by identity, not equality.
+  center->postNotification(NK_STR("B"), other.get());
+  center->postNotification(NK_STR("B"), sender);
+  EXPECT_EQ(heard, (std::vector<std::string>{"name:A", "sender:B", "both:B"}));
   {  // the notification carries its user information
     Ref<Dictionary> seen;
     auto token = center->addObserver(NK_STR("C"), nullptr,
@@ -49,18 +43,14 @@ TEST(NotificationCenter, MatchesByNameAndSender) {
     EXPECT_TRUE(seen->isEqual(info.get()));
     center->removeObserver(token.get());
   }
-  {  // removed observers hear nothing; unknown tokens are ignored
-    heard.clear();
-    center->removeObserver(byName.get());
-    center->removeObserver(bySender.get());
-    center->removeObserver(byBoth.get());
-    center->removeObserver(byBoth.get());
-    center->removeObserver(NK_STR("not a token"));
-    center->removeObserver(nullptr);
-    center->postNotification(NK_STR("A"), sender);
-    EXPECT_TRUE(heard.empty());
-    EXPECT_EQ(center->observerCount(), 0u);
+  // Removed observers hear nothing; unknown tokens are ignored.
+  heard.clear();
+  for (const Id& token : {byName, bySender, byBoth, byBoth, Id(NK_STR("not a token")), Id()}) {
+    center->removeObserver(token.get());
   }
+  center->postNotification(NK_STR("A"), sender);
+  EXPECT_TRUE(heard.empty());
+  EXPECT_EQ(center->observerCount(), 0u);
 }
 
 TEST(NotificationCenter, ChangesDuringDelivery) {
@@ -136,8 +126,7 @@ TEST(NotificationCenter, ConcurrentPostsAndRemovals) {
   stop = true;
   for (auto& t : posters) t.join();
   EXPECT_EQ(center->observerCount(), 0u);
-  // After every removal has returned and every post has ended, nothing more
-  // arrives.
+  // After every removal has returned and every post has ended, nothing more arrives.
   int settled = calls.load();
   center->postNotification(NK_STR("X"), nullptr);
   EXPECT_EQ(calls.load(), settled);
