@@ -15,6 +15,7 @@
 #include "nk/dispatch/queue.hpp"
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/class.hpp"
+#include "nk/foundation/collection_storage_internal.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/enumeration.hpp"
 #include "nk/foundation/null.hpp"
@@ -179,7 +180,10 @@ class Aggregate {
   // Main queue, once every member has fulfilled.
   void fulfill() {
     if (!keyed_) {
-      resolve_(Array::make(std::move(values_)));
+      // The values become the array's storage as they are, without a copy.
+      Ref<Array> array = Array::make();
+      collection_internal::StorageAccess::items(*array) = std::move(values_);
+      resolve_(array);
       return;
     }
     auto dictionary = MutableDictionary::make();
@@ -192,8 +196,8 @@ class Aggregate {
   PRMResolver resolve_;
   const size_t count_;
   const bool keyed_;
-  size_t registered_ = 0;  // the walk's: entries made
-  std::vector<Id> values_;
+  size_t registered_ = 0;                                  // the walk's: entries made
+  collection_internal::StorageAccess::ArrayItems values_;  // becomes the result's storage
   std::vector<Id> keys_;       // dictionary form: the key at each position
   Waiter* entries_ = nullptr;  // raw storage for `count_`, built where needed
   std::atomic<size_t> out_{count_ + 1};
