@@ -102,16 +102,14 @@ TEST(ArrayHelpers, FilterTransformReverseFlatten) {
   EXPECT_EQ(vnk_transform(empty.get(), doubler.get()), empty);
   EXPECT_EQ(ints(vnk_reversedArray(numbers({1, 2, 3}).get())), (std::vector<int>{3, 2, 1}));
   EXPECT_TRUE(isImmutableArray(vnk_reversedArray(MutableArray::make({N(1)}).get())));
-  {  // ((1, 2), 3, ((4))) gives (1, 2, (4)); mutable children count as arrays
-    const Ref<Array> inner = numbers({4});
-    const Ref<Array> flat = vnk_combineArrayChildren(
-        Array::make({numbers({1, 2}), N(3), Array::make({inner}), MutableArray::make({N(5)})})
-            .get());
-    EXPECT_TRUE(isEqual(flat, Array::make({N(1), N(2), inner, N(5)})));
-    EXPECT_EQ(flat->objectAtIndex(2), Id(inner));
-    EXPECT_EQ(vnk_combineArrayChildren(numbers({1, 2}).get())->count(), 0u);
-    EXPECT_EQ(vnk_combineArrayChildren(nullptr), nullptr);
-  }
+  // ((1, 2), 3, ((4))) gives (1, 2, (4)); mutable children count as arrays.
+  const Ref<Array> inner = numbers({4});
+  const Ref<Array> flat = vnk_combineArrayChildren(
+      Array::make({numbers({1, 2}), N(3), Array::make({inner}), MutableArray::make({N(5)})}).get());
+  EXPECT_TRUE(isEqual(flat, Array::make({N(1), N(2), inner, N(5)})));
+  EXPECT_EQ(flat->objectAtIndex(2), Id(inner));
+  EXPECT_EQ(vnk_combineArrayChildren(numbers({1, 2}).get())->count(), 0u);
+  EXPECT_EQ(vnk_combineArrayChildren(nullptr), nullptr);
 }
 
 TEST(ArrayDictionaryBuilders, KeysValuesAndCopying) {

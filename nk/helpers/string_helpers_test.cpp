@@ -28,8 +28,11 @@ std::vector<std::u16string> units(const Ref<Array>& array) {
   return out;
 }
 
+Ref<Array> split(const Ref<String>& s, std::u16string_view sep, bool remove) {
+  return vnk_getComponentsSeparatedByStringRemoveEmptyEntries(s.get(), S(sep).get(), remove);
+}
 Ref<Array> split(std::u16string_view s, std::u16string_view sep, bool remove) {
-  return vnk_getComponentsSeparatedByStringRemoveEmptyEntries(S(s).get(), S(sep).get(), remove);
+  return split(S(s), sep, remove);
 }
 
 TEST(StringTrim, ObjectReplacementBlanksAndSurrogates) {
@@ -185,19 +188,14 @@ TEST(StringSplit, StorageAndSurrogates) {
               ElementsAre(u"a", u"b", u""));
   // Latin-1 receiver: a separator outside Latin-1 never occurs; one inside does.
   const Ref<String> latin = String::fromLatin1("a\xE9z");
-  EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
-                  latin.get(), S(u"\u0100").get(), false)),
-              ElementsAre(u"a\u00E9z"));
-  EXPECT_THAT(units(vnk_getComponentsSeparatedByStringRemoveEmptyEntries(
-                  latin.get(), S(u"\u00E9").get(), false)),
-              ElementsAre(u"a", u"z"));
+  EXPECT_THAT(units(split(latin, u"\u0100", false)), ElementsAre(u"a\u00E9z"));
+  EXPECT_THAT(units(split(latin, u"\u00E9", false)), ElementsAre(u"a", u"z"));
   // Embedded NULs are ordinary units, separators included.
   EXPECT_THAT(units(split(std::u16string_view(u"a\0b", 3), std::u16string_view(u"\0", 1), false)),
               ElementsAre(u"a", u"b"));
   // The one-component result of a mutable receiver is a snapshot.
   auto m = make<MutableString>(NK_STR("xy"));
-  Ref<Array> parts =
-      vnk_getComponentsSeparatedByStringRemoveEmptyEntries(m.get(), NK_STR(","), false);
+  Ref<Array> parts = split(m, u",", false);
   m->appendUTF8("z");
   EXPECT_EQ(cast<String>(parts->objectAtIndex(0))->utf8(), "xy");
 }

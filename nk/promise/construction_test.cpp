@@ -5,7 +5,9 @@
 #include <atomic>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "nk/dispatch/main_thread.hpp"
@@ -39,52 +41,44 @@ TEST(PromiseConstruction, ResolverSettlesOnce) {
   }
 }
 
+Ref<PRMPromise> rejectedBy(const Id& reason) {
+  return PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(reason); });
+}
+
 TEST(PromiseConstruction, FulfillerAndRejecter) {
   UnhandledCapture quiet;
   LogCapture log;
+  auto e = failure();
   {  // fulfilling with an error rejects, after a warning
-    auto e = failure();
     auto p = PRMPromise::new_([&](PRMFulfiller f, PRMRejecter) { f(e); });
     EXPECT_EQ(PRMGetResult(p.get()), e);
     EXPECT_EQ(log.count("Migriornop: Warning: PRMFulfiller called with NSError."), 1u);
   }
   {  // rejecting with nil: code 3 without user information, and a warning
-    auto p = PRMPromise::new_([](PRMFulfiller, PRMRejecter j) { j(nullptr); });
+    auto p = rejectedBy(nullptr);
     ASSERT_NE(errorOf(p), nullptr);
     EXPECT_EQ(errorOf(p)->code(), 3);
     EXPECT_TRUE(errorOf(p)->domain()->isEqual(PRMErrorDomain()));
     EXPECT_EQ(errorOf(p)->userInfo(), nullptr);
     EXPECT_EQ(log.count("Migriornop: Warning: Promise rejected with nil"), 1u);
   }
-  {  // rejecting with a string: code 3 describing and holding it
-    Ref<String> why = String::fromUTF8("no disk");
-    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(why); });
-    ASSERT_NE(errorOf(p), nullptr);
+  // Rejecting with a string or a fulfilled promise: code 3 describing and holding it.
+  const std::pair<Id, std::string> reasons[] = {
+      {String::fromUTF8("no disk"), "no disk"},
+      {PRMPromise::promiseWithValue(num(2)), "Promise: fulfilled: 2"}};
+  for (const auto& [reason, text] : reasons) {
+    auto p = rejectedBy(reason);
+    ASSERT_NE(errorOf(p), nullptr) << text;
     EXPECT_EQ(errorOf(p)->code(), 3);
-    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "no disk");
-    EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(NK_STR("PRMUnderlyingExceptionKey")), why);
+    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), text);
+    EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), reason);
   }
-  {  // rejecting with a rejected promise adopts its very error
-    auto e = failure(11);
-    auto p =
-        PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(PRMPromise::promiseWithValue(e)); });
-    EXPECT_EQ(PRMGetResult(p.get()), e);
-  }
-  {  // rejecting with a fulfilled promise: code 3 described by that promise
-    auto fulfilled = PRMPromise::promiseWithValue(Number::withInt(2));
-    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(fulfilled); });
-    ASSERT_NE(errorOf(p), nullptr);
-    EXPECT_EQ(errorOf(p)->code(), 3);
-    EXPECT_EQ(errorOf(p)->localizedDescription()->utf8(), "Promise: fulfilled: 2");
-    EXPECT_EQ(errorOf(p)->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), fulfilled);
-  }
-  {  // rejecting with an error rejects with it, without any warning
-    size_t before = log.lines().size();
-    auto e = failure();
-    auto p = PRMPromise::new_([&](PRMFulfiller, PRMRejecter j) { j(e); });
-    EXPECT_EQ(PRMGetResult(p.get()), e);
-    EXPECT_EQ(log.lines().size(), before);
-  }
+  // Rejecting with a rejected promise adopts its very error.
+  EXPECT_EQ(PRMGetResult(rejectedBy(PRMPromise::promiseWithValue(e)).get()), e);
+  // Rejecting with an error rejects with it, without any warning.
+  size_t before = log.lines().size();
+  EXPECT_EQ(PRMGetResult(rejectedBy(e).get()), e);
+  EXPECT_EQ(log.lines().size(), before);
 }
 
 TEST(PromiseConstruction, BodiesThatRaise) {
@@ -121,31 +115,26 @@ TEST(PromiseConstruction, Adapters) {
   UnhandledCapture quiet;
   LogCapture log;
   auto e = failure();
-  {  // object adapter: error wins, else the value (nil fulfils with nil)
-    auto v = Number::withInt(1);
-    auto ok = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, nullptr); });
-    auto bad = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, e); });
-    auto none = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(nullptr, nullptr); });
-    EXPECT_EQ(ok->value(), v);
-    EXPECT_EQ(PRMGetResult(bad.get()), e);
-    EXPECT_TRUE(none->fulfilled());
-    EXPECT_EQ(none->value(), nullptr);
-  }
-  {  // integer adapter: a 64-bit number
-    auto ok = PRMPromise::promiseWithIntegerAdapter([](PRMIntegerAdapter a) { a(42, nullptr); });
-    auto bad = PRMPromise::promiseWithIntegerAdapter([&](PRMIntegerAdapter a) { a(42, e); });
-    auto* n = cast<Number>(ok->value().get());
-    ASSERT_NE(n, nullptr);
-    EXPECT_EQ(n->longLongValue(), 42);
-    EXPECT_EQ(n->objCType(), 'q');
+  auto v = Number::withInt(1);
+  // The error wins, whatever the adapter.
+  for (const auto& bad :
+       {PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, e); }),
+        PRMPromise::promiseWithIntegerAdapter([&](PRMIntegerAdapter a) { a(42, e); }),
+        PRMPromise::promiseWithBooleanAdapter([&](PRMBooleanAdapter a) { a(true, e); })}) {
     EXPECT_EQ(PRMGetResult(bad.get()), e);
   }
-  {  // boolean adapter: the shared Boolean
-    auto ok = PRMPromise::promiseWithBooleanAdapter([](PRMBooleanAdapter a) { a(true, nullptr); });
-    EXPECT_EQ(ok->value().get(), Number::yes());
-    auto bad = PRMPromise::promiseWithBooleanAdapter([&](PRMBooleanAdapter a) { a(true, e); });
-    EXPECT_EQ(PRMGetResult(bad.get()), e);
-  }
+  // Else the value: the object (nil fulfils with nil), a 64-bit number, the shared Boolean.
+  EXPECT_EQ(PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(v, nullptr); })->value(), v);
+  auto none = PRMPromise::promiseWithAdapter([&](PRMAdapter a) { a(nullptr, nullptr); });
+  EXPECT_TRUE(none->fulfilled());
+  EXPECT_EQ(none->value(), nullptr);
+  auto integer = PRMPromise::promiseWithIntegerAdapter([](PRMIntegerAdapter a) { a(42, nullptr); });
+  auto* n = cast<Number>(integer->value().get());
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->longLongValue(), 42);
+  EXPECT_EQ(n->objCType(), 'q');
+  auto yes = PRMPromise::promiseWithBooleanAdapter([](PRMBooleanAdapter a) { a(true, nullptr); });
+  EXPECT_EQ(yes->value().get(), Number::yes());
   // Adapters never warn about fulfilling or rejecting; a second call does.
   EXPECT_TRUE(log.lines().empty());
   PRMPromise::promiseWithAdapter([&](PRMAdapter a) {
@@ -163,9 +152,8 @@ TEST(PromiseConstruction, DispatchPromise) {
       onMain = isMainThread();
       return 3;
     });
-    ASSERT_TRUE(settles(p));
+    EXPECT_TRUE(isEqual(settledValue(p), Number::withInt(3)));
     EXPECT_FALSE(onMain.load());
-    EXPECT_TRUE(isEqual(p->value(), Number::withInt(3)));
   }
   {  // a handler with a parameter receives nil
     Id seen = NK_STR("x");
@@ -181,8 +169,7 @@ TEST(PromiseConstruction, DispatchPromise) {
     EXPECT_TRUE(p->pending());
     auto e = failure();
     (*inner.resolve)(e);
-    ASSERT_TRUE(settles(p));
-    EXPECT_EQ(PRMGetResult(p.get()), e);
+    EXPECT_EQ(settledValue(p), e);
   }
 }
 

@@ -88,33 +88,27 @@ TEST(HandlerForms, ParametersAndSpreading) {
 TEST(HandlerForms, NarrowParameterTypes) {
   Ref<String> text = NK_STR("t");
   auto number = Number::withInt(3);
-  {  // a Ref<String> parameter receives a string as itself and any other class as nil
-    Ref<String> seen;
-    bool called = false;
-    prm_safely_call_block([&](Ref<String> s) { seen = s, called = true; }, text);
-    EXPECT_EQ(seen, text);
-    seen = text;
-    called = false;
-    Id r = prm_safely_call_block([&](const Ref<String>& s) { seen = s, called = true; }, number);
-    EXPECT_TRUE(called);
-    EXPECT_EQ(seen, nullptr);
-    EXPECT_EQ(r.get(), PRMNull());
-  }
-  {  // raw object pointers follow the same rule; subclasses pass (Boolean is a Number)
-    const Number* n = nullptr;
-    prm_safely_call_block([&](const Number* x) { n = x; }, Id(Number::yes()));
-    EXPECT_EQ(n, Number::yes());
-    prm_safely_call_block([&](const Number* x) { n = x; }, text);
-    EXPECT_EQ(n, nullptr);
-  }
-  {  // spread elements are converted one by one
-    Ref<String> s;
-    Ref<Number> m;
-    prm_safely_call_block([&](Ref<String> x, Ref<Number> y) { s = x, m = y; },
-                          PRMArrayWithCount(2, text, number));
-    EXPECT_EQ(s, text);
-    EXPECT_EQ(m, number);
-  }
+  // A Ref<String> parameter receives a string as itself and any other class as nil.
+  Ref<String> seen;
+  prm_safely_call_block([&](Ref<String> s) { seen = s; }, text);
+  EXPECT_EQ(seen, text);
+  bool called = false;
+  Id r = prm_safely_call_block([&](const Ref<String>& s) { seen = s, called = true; }, number);
+  EXPECT_TRUE(called);
+  EXPECT_EQ(seen, nullptr);
+  EXPECT_EQ(r.get(), PRMNull());
+  // Raw object pointers follow the same rule; subclasses pass (Boolean is a Number).
+  const Number* n = nullptr;
+  prm_safely_call_block([&](const Number* x) { n = x; }, Id(Number::yes()));
+  EXPECT_EQ(n, Number::yes());
+  prm_safely_call_block([&](const Number* x) { n = x; }, text);
+  EXPECT_EQ(n, nullptr);
+  // Spread elements are converted one by one.
+  Ref<Number> m;
+  prm_safely_call_block([&](Ref<String> x, Ref<Number> y) { seen = x, m = y; },
+                        PRMArrayWithCount(2, text, number));
+  EXPECT_EQ(seen, text);
+  EXPECT_EQ(m, number);
 }
 
 TEST(HandlerForms, CallableKinds) {
@@ -188,32 +182,32 @@ TEST(HandlerForms, UnsupportedFormsFailWhenCalled) {
 }
 
 TEST(HandlerForms, ThrownObjectsBecomeErrors) {
-  {  // an Exception: its reason is the description
-    Id r = prm_safely_call_block([]() -> Id { Exception::raise("Boom", "it broke"); }, nullptr);
-    expectCallError(r, "Boom", "it broke");
-  }
-  {  // a plain string: the description is the string, the string is kept
-    Ref<String> s = String::fromUTF8("plain text");
-    Id r = prm_safely_call_block([&] { raise(s); }, nullptr);
+  // An Exception: its reason is the description.
+  expectCallError(
+      prm_safely_call_block([]() -> Id { Exception::raise("Boom", "it broke"); }, nullptr), "Boom",
+      "it broke");
+  // A plain string: the description is the string, the string is kept. A thrown error
+  // is wrapped, not passed through.
+  Ref<String> s = String::fromUTF8("plain text");
+  auto inner = Error::make(NK_STR("Inner"), 5);
+  const struct {
+    Id thrown;
+    String* key;
+    const char* text;  // empty: not checked
+  } rows[] = {{s, PRMThrown(), "plain text"}, {inner, PRMUnderlyingExceptionKey(), ""}};
+  for (const auto& row : rows) {
+    Id r = prm_safely_call_block([&] { raise(row.thrown); }, nullptr);
     auto* e = cast<Error>(r.get());
-    ASSERT_NE(e, nullptr);
+    ASSERT_NE(e, nullptr) << row.key->utf8();
+    EXPECT_NE(Id(e), row.thrown);
     EXPECT_EQ(e->code(), 1);
-    EXPECT_EQ(e->localizedDescription()->utf8(), "plain text");
-    EXPECT_EQ(e->userInfo()->objectForKey(PRMThrown()), s);
+    EXPECT_EQ(e->userInfo()->objectForKey(row.key), row.thrown);
+    if (*row.text) {
+      EXPECT_EQ(e->localizedDescription()->utf8(), row.text);
+    }
   }
-  {  // a thrown error is wrapped, not passed through
-    auto inner = Error::make(NK_STR("Inner"), 5);
-    Id r = prm_safely_call_block([&] { raise(inner); }, nullptr);
-    auto* e = cast<Error>(r.get());
-    ASSERT_NE(e, nullptr);
-    EXPECT_NE(e, inner.get());
-    EXPECT_EQ(e->code(), 1);
-    EXPECT_EQ(e->userInfo()->objectForKey(PRMUnderlyingExceptionKey()), inner);
-  }
-  {  // a returned error is returned as it is
-    auto own = Error::make(NK_STR("Own"), 2);
-    EXPECT_EQ(prm_safely_call_block([&] { return own; }, nullptr), own);
-  }
+  // A returned error is returned as it is.
+  EXPECT_EQ(prm_safely_call_block([&] { return inner; }, nullptr), inner);
   // Other C++ exceptions pass through.
   EXPECT_THROW(prm_safely_call_block([] { throw std::runtime_error("x"); }, nullptr),
                std::runtime_error);
@@ -238,6 +232,7 @@ TEST(HandlerForms, ErrorFromException) {
   // The names callers match errors on.
   EXPECT_EQ(PRMErrorDomain()->utf8(), "PRMErrorDomain");
   EXPECT_EQ(PRMFailingPromiseIndexKey()->utf8(), "PRMFailingPromiseIndexKey");
+  EXPECT_EQ(PRMUnderlyingExceptionKey()->utf8(), "PRMUnderlyingExceptionKey");
 }
 
 TEST(HandlerFormsDeathTest, AbsentHandlerAborts) {

@@ -15,9 +15,6 @@ namespace {
 
 using namespace promise_test;
 
-Ref<PRMPromise> fulfilled(int v) { return PRMPromise::promiseWithValue(num(v)); }
-Ref<PRMPromise> rejected(long code) { return PRMPromise::promiseWithValue(failure(code)); }
-
 // The PRMArray a join fulfilled with: value() answers element 0 only, a then handler
 // sees both elements.
 Ref<PRMArray> outcome(const Ref<PRMPromise>& p) {
@@ -35,9 +32,7 @@ Failures failures(const Id& errors) {
   auto list = cast<Array>(errors);
   for (size_t i = 0; list && i < list->count(); ++i) {
     auto e = cast<Error>(list->objectAtIndex(i));
-    auto at = e && e->userInfo()
-                  ? cast<Number>(e->userInfo()->objectForKey(PRMFailingPromiseIndexKey()))
-                  : nullptr;
+    auto at = cast<Number>(failingIndex(e));
     out.emplace_back(e ? e->code() : -1, at ? at->longValue() : -1);
   }
   return out;
@@ -45,34 +40,34 @@ Failures failures(const Id& errors) {
 
 TEST(PromiseJoin, ValuesAndErrors) {
   UnhandledCapture reports;
-  {  // mixed outcomes: fulfilled values in order, the failure at its position
-    auto input = Array::make({fulfilled(1), rejected(5), fulfilled(3)});
-    auto before = input->copy();
-    auto both = outcome(PRMPromise::join(input));
-    ASSERT_TRUE(both);
-    EXPECT_TRUE(isEqual(both->at(0), Array::make({num(1), num(3)})));
-    EXPECT_EQ(failures(both->at(1)), (Failures{{5, 1}}));
-    // the caller's array is untouched
-    EXPECT_TRUE(isEqual(input, before));
-    EXPECT_EQ(input->count(), 3u);
-  }
-  {  // all failing: the second failure is at position 0 once the first is gone
-    auto input = Array::make({rejected(1), rejected(2)});
-    auto both = outcome(PRMJoin(input));
-    ASSERT_TRUE(both);
-    EXPECT_TRUE(isEqual(both->at(0), Array::make()));
-    EXPECT_EQ(failures(both->at(1)), (Failures{{1, 0}, {2, 0}}));
-    EXPECT_EQ(input->count(), 2u);
-  }
-  // All fulfilling, and empty input: the errors element is absent, not an empty list.
-  for (const auto& [input, values] :
-       {std::pair{Array::make({fulfilled(1), fulfilled(2)}), Array::make({num(1), num(2)})},
-        std::pair{Array::make(), Array::make()}}) {
-    auto both = outcome(PRMJoin(input));
+  const struct {
+    Ref<Array> input, values;
+    Failures failed;  // none: the errors element is absent, not an empty list
+  } rows[] = {
+      {Array::make({fulfilled(1), rejected(5), fulfilled(3)}),
+       Array::make({num(1), num(3)}),
+       {{5, 1}}},
+      // the second failure is at position 0 once the first is gone
+      {Array::make({rejected(1), rejected(2)}), Array::make(), {{1, 0}, {2, 0}}},
+      {Array::make({fulfilled(1), fulfilled(2)}), Array::make({num(1), num(2)}), {}},
+      {Array::make(), Array::make(), {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.input->description()->utf8());
+    auto before = row.input->copy();
+    size_t count = row.input->count();
+    auto both = outcome(PRMPromise::join(row.input));
     ASSERT_TRUE(both);
     EXPECT_EQ(both->count(), 2u);
-    EXPECT_TRUE(isEqual(both->at(0), values));
-    EXPECT_FALSE(both->at(1));
+    EXPECT_TRUE(isEqual(both->at(0), row.values));
+    if (row.failed.empty()) {
+      EXPECT_FALSE(both->at(1));
+    } else {
+      EXPECT_EQ(failures(both->at(1)), row.failed);
+    }
+    // the caller's array is untouched
+    EXPECT_TRUE(isEqual(row.input, before));
+    EXPECT_EQ(row.input->count(), count);
   }
   idle();
   EXPECT_TRUE(reports.reports().empty());

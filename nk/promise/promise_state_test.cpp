@@ -35,8 +35,9 @@ TEST(PromiseState, EveryRowOfTheSlot) {
   const std::string error = e->description()->utf8();
   auto n = Number::withInt(5);
   Ref<String> a = NK_STR("a"), x = NK_STR("x");
-  auto inner = pendingPromise();
+  auto inner = pendingPromise(), three = pendingPromise();
   inner->thenOn(Queue::serial("prm.test.description"), [] {});
+  for (int i = 0; i < 3; ++i) three->thenOn(Queue::serial("prm.test.description2"), [] {});
   const struct {
     const char* slot;
     Ref<PRMPromise> promise;
@@ -45,6 +46,7 @@ TEST(PromiseState, EveryRowOfTheSlot) {
     std::string text;  // empty: not checked
   } rows[] = {
       {"nil", pendingPromise(), {1, 0, 0, 0}, nullptr, "Promise: 0 pending handlers"},
+      {"nil, with waiting entries", three, {1, 0, 0, 0}, nullptr, "Promise: 3 pending handlers"},
       {"an error, the value itself",
        PRMPromise::promiseWithValue(e),
        {0, 1, 0, 1},
@@ -91,13 +93,8 @@ TEST(PromiseState, EveryRowOfTheSlot) {
   }
   // The raw slot: nothing, the marker, the held promise.
   EXPECT_EQ(PRMGetResult(rows[0].promise.get()), nullptr);
-  EXPECT_EQ(PRMGetResult(rows[2].promise.get()).get(), PRMNull());
-  EXPECT_EQ(PRMGetResult(rows[5].promise.get()), inner);
-  {  // a pending promise counts its waiting entries
-    auto p = pendingPromise();
-    for (int i = 0; i < 3; ++i) p->thenOn(Queue::serial("prm.test.description2"), [] {});
-    EXPECT_EQ(p->description()->utf8(), "Promise: 3 pending handlers");
-  }
+  EXPECT_EQ(PRMGetResult(rows[3].promise.get()).get(), PRMNull());
+  EXPECT_EQ(PRMGetResult(rows[6].promise.get()), inner);
   // The marker by identity: an equal string of another identity is an ordinary value.
   Ref<String> lookalike = String::fromUTF8(PRMNull()->utf8());
   ASSERT_NE(lookalike.get(), PRMNull());
@@ -158,20 +155,19 @@ TEST(PromiseSettling, HandlersRunOnceInOrderOnTheSettlingThread) {
   PRMResolve(p.get(), w);
   EXPECT_EQ(rec.calls.size(), 3u);
   EXPECT_EQ(p->value(), w);
-  {  // nil reaches handlers as nil while the slot holds the marker
-    auto q = pendingPromise();
-    Recorder nil;
-    watch(q, nil, 0);
-    PRMResolve(q.get(), nullptr);
-    ASSERT_EQ(nil.calls.size(), 1u);
-    EXPECT_EQ(nil.calls[0].second, nullptr);
-    EXPECT_EQ(PRMGetResult(q.get()).get(), PRMNull());
-  }
+  // Nil reaches handlers as nil while the slot holds the marker.
+  auto q = pendingPromise();
+  Recorder nil;
+  watch(q, nil, 0);
+  PRMResolve(q.get(), nullptr);
+  ASSERT_EQ(nil.calls.size(), 1u);
+  EXPECT_EQ(nil.calls[0].second, nullptr);
+  EXPECT_EQ(PRMGetResult(q.get()).get(), PRMNull());
 }
 
 TEST(PromiseSettling, ResolvedPendingTakesTheResolvedPathOnceSettled) {
   UnhandledCapture quiet;
-  auto e = Error::make(NK_STR("TestDomain"), 1);
+  auto e = failure();
   auto settled = PRMPromise::promiseWithValue(e);
   Id slotSeen;
   bool pendingCalled = false;
@@ -226,17 +222,12 @@ TEST(PromiseSettling, SetResultOverwritesAndReturnsTheWaitingList) {
 
 TEST(PromiseAdoption, FollowsThePromiseGivenAsValue) {
   UnhandledCapture quiet;
-  {  // adopting a settled promise takes its raw content: the identical error
-    auto e = failure();
+  // Adopting a settled promise takes its raw content: the identical error, the marker.
+  for (const Id& content : {Id(failure()), Id()}) {
     auto p = pendingPromise();
-    PRMResolve(p.get(), PRMPromise::promiseWithValue(e));
-    EXPECT_TRUE(p->rejected());
-    EXPECT_EQ(PRMGetResult(p.get()), e);
-  }
-  {  // the marker passes as the marker
-    auto p = pendingPromise();
-    PRMResolve(p.get(), PRMPromise::promiseWithValue(nullptr));
-    EXPECT_EQ(PRMGetResult(p.get()).get(), PRMNull());
+    PRMResolve(p.get(), PRMPromise::promiseWithValue(content));
+    EXPECT_EQ(p->rejected(), content != nullptr);
+    EXPECT_EQ(PRMGetResult(p.get()), PRMSanitizeResult(content));
   }
   {  // recursive: a waits on b, b on c; c settling settles all of them, link by link
     auto a = pendingPromise(), b = pendingPromise(), c = pendingPromise();
@@ -272,21 +263,18 @@ TEST(PromiseAdoption, SelfAdoptionStaysPendingWithoutBlocking) {
 }
 
 TEST(PRMArrayList, ReadsNeverRaise) {
-  {  // a count of 2 answers nil at index 2 although a third slot exists
-    Ref<String> b = NK_STR("b");
-    auto a = PRMArrayWithCount(2, NK_STR("a"), b, NK_STR("c"));
-    EXPECT_EQ(a->count(), 2u);
-    EXPECT_EQ((*a)[1], b);
-    EXPECT_EQ((*a)[2], nullptr);
-    EXPECT_EQ(a->objectAtIndexedSubscript(1000), nullptr);
-  }
-  {  // a nil element is counted
-    Ref<String> c = NK_STR("c");
-    auto a = PRMArrayWithCount(3, NK_STR("a"), nullptr, c);
-    EXPECT_EQ(a->count(), 3u);
-    EXPECT_EQ((*a)[1], nullptr);
-    EXPECT_EQ((*a)[2], c);
-  }
+  Ref<String> b = NK_STR("b"), c = NK_STR("c");
+  // A count of 2 answers nil at index 2 although a third slot exists.
+  auto two = PRMArrayWithCount(2, NK_STR("a"), b, c);
+  EXPECT_EQ(two->count(), 2u);
+  EXPECT_EQ((*two)[1], b);
+  EXPECT_EQ((*two)[2], nullptr);
+  EXPECT_EQ(two->objectAtIndexedSubscript(1000), nullptr);
+  // A nil element is counted.
+  auto holed = PRMArrayWithCount(3, NK_STR("a"), nullptr, c);
+  EXPECT_EQ(holed->count(), 3u);
+  EXPECT_EQ((*holed)[1], nullptr);
+  EXPECT_EQ((*holed)[2], c);
   // A count above the capacity keeps three.
   EXPECT_EQ(PRMArrayWithCount(7, NK_STR("a"))->count(), 3u);
 }
@@ -305,31 +293,21 @@ TEST(PromiseLock, ReadsOverlapWritesExclude) {
     EXPECT_TRUE(second.load());
     lock.unlockShared();
   }
-  {  // a writer waits for the reader; a reader waits for the writer
-    lock.lockShared();
-    std::atomic<int> stage{0};
-    std::thread writer([&] {
-      lock.lock();
-      stage = 1;
-      lock.unlock();
+  // A writer waits for the reader; a reader waits for the writer.
+  for (bool readerHolds : {true, false}) {
+    SCOPED_TRACE(readerHolds ? "reader holds" : "writer holds");
+    readerHolds ? lock.lockShared() : lock.lock();
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+      readerHolds ? lock.lock() : lock.lockShared();
+      entered = true;
+      readerHolds ? lock.unlock() : lock.unlockShared();
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(stage.load(), 0);
-    lock.unlockShared();
-    writer.join();
-    EXPECT_EQ(stage.load(), 1);
-
-    lock.lock();
-    std::thread reader([&] {
-      lock.lockShared();
-      stage = 2;
-      lock.unlockShared();
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(stage.load(), 1);
-    lock.unlock();
-    reader.join();
-    EXPECT_EQ(stage.load(), 2);
+    EXPECT_FALSE(entered.load());
+    readerHolds ? lock.unlockShared() : lock.unlock();
+    other.join();
+    EXPECT_TRUE(entered.load());
   }
   {  // many threads incrementing under the write lock lose nothing
     long counter = 0;

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "nk/dispatch/run_loop.hpp"
@@ -80,9 +81,25 @@ inline bool settles(const Ref<PRMPromise>& p) {
   return runMainUntil([&] { return !p->pending(); });
 }
 
+// The value `p` settles with, once the main loop has run for it; a marker text if it
+// never settles.
+inline Id settledValue(const Ref<PRMPromise>& p) {
+  return settles(p) ? p->value() : Id(NK_STR("<still pending>"));
+}
+
 // Lets the main loop run for a while, for work that must not (or need not) happen.
 inline void idle(std::chrono::milliseconds span = std::chrono::milliseconds(30)) {
   runMainUntil([] { return false; }, span);
+}
+
+// Waits from this thread, without running the main loop, until `p` settles.
+inline bool settlesOffMain(const Ref<PRMPromise>& p,
+                           std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (p->pending() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return !p->pending();
 }
 
 inline constexpr const char* kAlreadyResolved = "Migriornop: Warning: Promise already resolved";
@@ -90,6 +107,25 @@ inline constexpr const char* kAlreadyResolved = "Migriornop: Warning: Promise al
 inline Id num(int v) { return Number::withInt(v); }
 inline Ref<Error> failure(long code = 7, Ref<Dictionary> info = nullptr) {
   return Error::make(NK_STR("TestDomain"), code, info);
+}
+
+// Settles `p`, marks its error handled and returns the error's code; -1 unless it
+// rejected with an error.
+inline long rejectionCode(const Ref<PRMPromise>& p) {
+  if (!settles(p) || !p->rejected()) return -1;
+  p->catch_([] {});
+  auto* e = cast<Error>(p->value().get());
+  return e ? e->code() : -1;
+}
+
+inline Ref<PRMPromise> fulfilled(int v) { return PRMPromise::promiseWithValue(num(v)); }
+inline Ref<PRMPromise> rejected(long code) { return PRMPromise::promiseWithValue(failure(code)); }
+
+// The failing position or key an aggregate's rejection error carries, or nil.
+inline Id failingIndex(const Id& error) {
+  auto e = cast<Error>(error);
+  if (!e || !e->userInfo()) return nullptr;
+  return e->userInfo()->objectForKey(PRMFailingPromiseIndexKey());
 }
 
 // A pending promise with its resolver kept for the test to settle it.

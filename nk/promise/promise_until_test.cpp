@@ -30,29 +30,23 @@ TEST(PromiseUntilCatch, Retries) {
     auto p = PRMPromise::untilCatch(
         [&]() -> Id {
           ++attempts;
-          return Array::make({PRMPromise::promiseWithValue(num(1)), num(2)});
+          return Array::make({fulfilled(1), num(2)});
         },
         [&](const Ref<Error>&) { ++caught; });
-    ASSERT_TRUE(settles(p));
-    EXPECT_TRUE(isEqual(p->value(), Array::make({num(1), num(2)})));
+    EXPECT_TRUE(isEqual(settledValue(p), Array::make({num(1), num(2)})));
     EXPECT_EQ(attempts, 1);
     EXPECT_EQ(caught, 0);
   }
   {  // a failure the handler recovers from: a second attempt, whose value is the result
     int attempts = 0;
     Ref<Error> seen;
-    auto p = PRMUntilCatch(
-        [&]() -> Id {
-          return ++attempts == 1 ? Id(PRMPromise::promiseWithValue(failure(3)))
-                                 : Id(PRMPromise::promiseWithValue(num(42)));
-        },
-        [&](const Ref<Error>& e) { seen = e; });
-    ASSERT_TRUE(settles(p));
+    auto p = PRMUntilCatch([&]() -> Id { return ++attempts == 1 ? rejected(3) : fulfilled(42); },
+                           [&](const Ref<Error>& e) { seen = e; });
+    EXPECT_TRUE(isEqual(settledValue(p), num(42)));
     EXPECT_EQ(attempts, 2);
-    EXPECT_TRUE(isEqual(p->value(), num(42)));
     ASSERT_TRUE(seen);
     EXPECT_EQ(seen->code(), 3);
-    EXPECT_TRUE(seen->userInfo()->objectForKey(PRMFailingPromiseIndexKey()));
+    EXPECT_TRUE(failingIndex(seen));
   }
   idle();
   EXPECT_TRUE(reports.reports().empty());
@@ -60,96 +54,68 @@ TEST(PromiseUntilCatch, Retries) {
 
 TEST(PromiseUntilCatch, RejectsWithTheAttemptsError) {
   UnhandledCapture reports;
-  {  // the handler's own error does not replace the attempt's
-    int attempts = 0;
-    auto p = PRMUntilCatch(
-        [&]() -> Id {
-          ++attempts;
-          return PRMPromise::promiseWithValue(failure(1));
-        },
-        [](const Ref<Error>&) { return failure(2); });
-    ASSERT_TRUE(settles(p));
-    ASSERT_TRUE(p->rejected());
-    EXPECT_EQ(cast<Error>(p->value())->code(), 1);
-    EXPECT_EQ(attempts, 1);
-    p->catch_([] {});
-  }
-  {  // a handler that throws ends it the same way
-    auto p = PRMUntilCatch([]() -> Id { return PRMPromise::promiseWithValue(failure(5)); },
-                           []() -> Id { Exception::raise("Boom", "no"); });
-    ASSERT_TRUE(settles(p));
-    EXPECT_EQ(cast<Error>(p->value())->code(), 5);
-    p->catch_([] {});
-  }
-  {  // a later attempt's producer throwing rejects with the previous attempt's error
-    int attempts = 0;
-    auto p = PRMUntilCatch(
-        [&]() -> Id {
-          if (++attempts == 2) Exception::raise("Boom", "second");
-          return PRMPromise::promiseWithValue(failure(6));
-        },
-        [] {});
-    ASSERT_TRUE(settles(p));
-    EXPECT_EQ(cast<Error>(p->value())->code(), 6);
-    p->catch_([] {});
-  }
-  {  // the first producer throwing rejects the result
-    auto p = PRMUntilCatch([]() -> Id { Exception::raise("Boom", "first"); }, [] {});
-    ASSERT_TRUE(p->rejected());
-    p->catch_([] {});
-  }
+  int attempts = 0;
+  // The handler's own error does not replace the attempt's.
+  EXPECT_EQ(rejectionCode(PRMUntilCatch([&]() -> Id { return ++attempts, rejected(1); },
+                                        [](const Ref<Error>&) { return failure(2); })),
+            1);
+  EXPECT_EQ(attempts, 1);
+  // A handler that throws ends it the same way.
+  EXPECT_EQ(rejectionCode(PRMUntilCatch([]() -> Id { return rejected(5); },
+                                        []() -> Id { Exception::raise("Boom", "no"); })),
+            5);
+  // A later attempt's producer throwing rejects with the previous attempt's error.
+  attempts = 0;
+  EXPECT_EQ(rejectionCode(PRMUntilCatch(
+                [&]() -> Id {
+                  if (++attempts == 2) Exception::raise("Boom", "second");
+                  return rejected(6);
+                },
+                [] {})),
+            6);
+  // The first producer throwing rejects the result at once.
+  auto p = PRMUntilCatch([]() -> Id { Exception::raise("Boom", "first"); }, [] {});
+  EXPECT_TRUE(p->rejected());
+  EXPECT_EQ(rejectionCode(p), 1);
   idle();
   EXPECT_TRUE(reports.reports().empty());
 }
 
 TEST(PromiseUntilCatch, ReleasesEverythingWhenDone) {
+  // Each run's closures share one token: it dies only when all of them are freed.
   UnhandledCapture quiet;
+  std::atomic<int> destroyed{0};
+  auto work = fulfilled(1);
   {  // fulfilled after a retry
-    std::atomic<int> destroyed{0};
-    auto work = PRMPromise::promiseWithValue(num(1));
-    {
-      auto producerToken = std::make_shared<Counted>(&destroyed);
-      auto handlerToken = std::make_shared<Counted>(&destroyed);
-      int attempts = 0;
-      auto p = PRMUntilCatch(
-          [producerToken, &attempts, work]() -> Id {
-            return ++attempts == 1 ? Id(PRMPromise::promiseWithValue(failure(1))) : Id(work);
-          },
-          [handlerToken](const Ref<Error>&) {});
-      producerToken.reset();
-      handlerToken.reset();
-      ASSERT_TRUE(settles(p));
-      idle();
-      EXPECT_EQ(p->retainCount(), 1u);
-    }
-    EXPECT_EQ(destroyed.load(), 2);
-    EXPECT_EQ(work->retainCount(), 1u);
+    auto token = std::make_shared<Counted>(&destroyed);
+    int attempts = 0;
+    auto p = PRMUntilCatch(
+        [token, &attempts, work]() -> Id { return ++attempts == 1 ? rejected(1) : work; },
+        [token](const Ref<Error>&) {});
+    token.reset();
+    ASSERT_TRUE(settles(p));
+    idle();
+    EXPECT_EQ(p->retainCount(), 1u);
   }
+  EXPECT_EQ(destroyed.load(), 1);
+  EXPECT_EQ(work->retainCount(), 1u);
   {  // rejected
-    std::atomic<int> destroyed{0};
-    {
-      auto token = std::make_shared<Counted>(&destroyed);
-      auto p = PRMUntilCatch([token]() -> Id { return PRMPromise::promiseWithValue(failure(1)); },
-                             [token](const Ref<Error>& e) { return e; });
-      token.reset();
-      ASSERT_TRUE(settles(p));
-      idle();
-      p->catch_([] {});
-      idle();
-    }
-    EXPECT_EQ(destroyed.load(), 1);
+    auto token = std::make_shared<Counted>(&destroyed);
+    auto p = PRMUntilCatch([token]() -> Id { return rejected(1); },
+                           [token](const Ref<Error>& e) { return e; });
+    token.reset();
+    EXPECT_EQ(rejectionCode(p), 1);
+    idle();
   }
+  EXPECT_EQ(destroyed.load(), 2);
   {  // the first producer throwing
-    std::atomic<int> destroyed{0};
-    {
-      auto token = std::make_shared<Counted>(&destroyed);
-      auto p = PRMUntilCatch([token]() -> Id { Exception::raise("Boom", "first"); }, [] {});
-      token.reset();
-      p->catch_([] {});
-      idle();
-    }
-    EXPECT_EQ(destroyed.load(), 1);
+    auto token = std::make_shared<Counted>(&destroyed);
+    auto p = PRMUntilCatch([token]() -> Id { Exception::raise("Boom", "first"); }, [] {});
+    token.reset();
+    p->catch_([] {});
+    idle();
   }
+  EXPECT_EQ(destroyed.load(), 3);
 }
 
 }  // namespace
