@@ -20,25 +20,31 @@ using namespace std::chrono_literals;
 
 constexpr auto kPatience = 20s;
 
-TEST(MainThread, IsTheInitialThread) {
-  EXPECT_TRUE(isMainThread());  // gtest runs tests on the initial thread
-  bool elsewhere = true;
-  std::thread([&] { elsewhere = isMainThread(); }).join();
-  EXPECT_FALSE(elsewhere);
-}
-
-TEST(MainQueue, RunsOnlyWhileTheMainLoopRuns) {
-  std::atomic<bool> ran{false}, onMain{false};
-  std::thread([&] {
+TEST(MainQueue, RunsOnlyWhileTheMainLoopRunsOnTheMainThreadEvenForSync) {
+  std::atomic<bool> ran{false}, onMain{false}, returned{false};
+  bool syncOnMain = false;
+  std::thread worker([&] {
+    EXPECT_FALSE(isMainThread());
     Queue::main().async([&] {
       onMain = isMainThread() && Queue::main().isCurrent();
       ran = true;
     });
-  }).join();
+    int v = Queue::main().sync([&] {
+      syncOnMain = isMainThread();
+      return 42;
+    });
+    EXPECT_EQ(v, 42);
+    EXPECT_THROW(Queue::main().sync([] { throw std::logic_error("on main"); }), std::logic_error);
+    returned = true;
+    RunLoop::main().wakeUp();
+  });
   std::this_thread::sleep_for(20ms);
   EXPECT_FALSE(ran) << "ran without the main loop";
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return ran.load(); }, kPatience));
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return returned.load(); }, kPatience));
+  worker.join();
+  EXPECT_TRUE(ran);
   EXPECT_TRUE(onMain);
+  EXPECT_TRUE(syncOnMain);
 }
 
 TEST(MainQueue, LosesNoWorkFromManyProducers) {
@@ -70,24 +76,6 @@ TEST(MainQueue, LosesNoWorkFromManyProducers) {
   for (auto& p : producers) p.join();
   EXPECT_FALSE(outOfOrder);
   EXPECT_FALSE(offMain);
-}
-
-TEST(MainQueue, SyncFromAnotherThreadRunsOnTheMainThread) {
-  std::atomic<bool> returned{false};
-  bool onMain = false;
-  std::thread worker([&] {
-    int v = Queue::main().sync([&] {
-      onMain = isMainThread();
-      return 42;
-    });
-    EXPECT_EQ(v, 42);
-    EXPECT_THROW(Queue::main().sync([] { throw std::logic_error("on main"); }), std::logic_error);
-    returned = true;
-    RunLoop::main().wakeUp();
-  });
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return returned.load(); }, kPatience));
-  worker.join();
-  EXPECT_TRUE(onMain);
 }
 
 TEST(MainQueue, NestedLoopInATaskRunsLaterTasks) {

@@ -20,62 +20,51 @@ using namespace std::chrono_literals;
 
 constexpr auto kPatience = 20s;  // generous: only a hang should ever reach it
 
-TEST(SerialQueue, RunsTasksInOrderOneAtATime) {
-  Queue q = Queue::serial("nk.test.serial-order");
-  std::vector<int> order;  // unguarded on purpose: the queue is the lock
-  std::atomic<int> active{0};
-  std::atomic<bool> overlapped{false};
-  for (int i = 0; i < 2000; ++i) {
-    q.async([&, i] {
-      if (active.fetch_add(1) != 0) overlapped = true;
-      order.push_back(i);
-      active.fetch_sub(1);
-    });
-  }
-  std::vector<int> seen = q.sync([&] { return order; });  // after every task before it
-  EXPECT_FALSE(overlapped);
-  ASSERT_EQ(seen.size(), 2000u);
-  for (int i = 0; i < 2000; ++i) ASSERT_EQ(seen[i], i);
+// Runs body(t) on each of `threads` new threads at once, and joins them.
+template <class Body>
+void onThreads(int threads, Body body) {
+  std::vector<std::thread> running;
+  for (int t = 0; t < threads; ++t) running.emplace_back(body, t);
+  for (auto& r : running) r.join();
 }
 
-TEST(SerialQueue, LosesNoWorkFromManyProducers) {
+TEST(SerialQueue, RunsTasksOneAtATimeInOrderLosingNoneFromManyProducers) {
   constexpr int kThreads = 8, kPerThread = 5000;
   Queue q = Queue::serial("nk.test.serial-producers");
-  std::vector<int> next(kThreads, 0);
-  std::atomic<bool> outOfOrder{false};
-  std::vector<std::thread> producers;
-  for (int t = 0; t < kThreads; ++t) {
-    producers.emplace_back([&, t] {
-      for (int i = 0; i < kPerThread; ++i) {
-        q.async([&, t, i] {
-          if (next[t] != i) outOfOrder = true;  // each producer's tasks run in its order
-          next[t] = i + 1;
-        });
-      }
-    });
-  }
-  for (auto& p : producers) p.join();
-  q.sync([] {});
+  std::vector<int> next(kThreads, 0);  // unguarded on purpose: the queue is the lock
+  std::atomic<int> active{0};
+  std::atomic<bool> outOfOrder{false}, overlapped{false};
+  onThreads(kThreads, [&](int t) {
+    for (int i = 0; i < kPerThread; ++i) {
+      q.async([&, t, i] {
+        if (active.fetch_add(1) != 0) overlapped = true;
+        if (next[t] != i) outOfOrder = true;  // each producer's tasks run in its order
+        next[t] = i + 1;
+        active.fetch_sub(1);
+      });
+    }
+  });
+  // sync runs after every task before it.
+  std::vector<int> seen = q.sync([&] { return next; });
+  EXPECT_FALSE(overlapped);
   EXPECT_FALSE(outOfOrder);
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kPerThread) << "producer " << t;
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(seen[t], kPerThread) << "producer " << t;
 }
 
 TEST(Queue, AsyncBatchRunsEachTaskOnceInSubmissionOrder) {
   constexpr int kTasks = 100;  // several blocks of the queues' FIFOs
   // Serial: in order, after what came before, before what comes after.
-  {
-    Queue q = Queue::serial("nk.test.batch-serial");
-    std::vector<int> order;  // the queue is the lock
-    q.async([&] { order.push_back(-1); });
-    std::vector<Task> tasks;
-    for (int i = 0; i < kTasks; ++i) tasks.emplace_back([&, i] { order.push_back(i); });
-    q.asyncBatch(tasks.data(), tasks.size());
-    for (const Task& t : tasks) EXPECT_FALSE(t);
-    q.async([&] { order.push_back(kTasks); });
-    std::vector<int> seen = q.sync([&] { return order; });
-    ASSERT_EQ(seen.size(), size_t{kTasks + 2});
-    for (int i = 0; i < kTasks + 2; ++i) ASSERT_EQ(seen[i], i - 1);
-  }
+  Queue serial = Queue::serial("nk.test.batch-serial");
+  std::vector<int> order;  // the queue is the lock
+  serial.async([&] { order.push_back(-1); });
+  std::vector<Task> batch;
+  for (int i = 0; i < kTasks; ++i) batch.emplace_back([&, i] { order.push_back(i); });
+  serial.asyncBatch(batch.data(), batch.size());
+  for (const Task& t : batch) EXPECT_FALSE(t);
+  serial.async([&] { order.push_back(kTasks); });
+  std::vector<int> seen = serial.sync([&] { return order; });
+  ASSERT_EQ(seen.size(), size_t{kTasks + 2});
+  for (int i = 0; i < kTasks + 2; ++i) ASSERT_EQ(seen[i], i - 1);
   // Concurrent and global: each task once.
   for (Queue q : {Queue::concurrent("nk.test.batch-concurrent"), Queue::global()}) {
     auto runs = std::make_shared<std::vector<std::atomic<int>>>(kTasks);
@@ -178,27 +167,23 @@ TEST(ConcurrentQueue, BarriersFromManyProducersRunAlone) {
   Queue q = Queue::concurrent("nk.test.barrier-producers");
   std::atomic<int> active{0}, tasks{0}, barriers{0};
   std::atomic<bool> barrierSawOthers{false}, overlappedBarrier{false};
-  std::vector<std::thread> producers;
-  for (int t = 0; t < kThreads; ++t) {
-    producers.emplace_back([&] {
-      for (int i = 1; i <= kPerThread; ++i) {
-        if (i % 50 == 0) {
-          q.barrierAsync([&] {
-            if (active.fetch_add(1000) != 0) barrierSawOthers = true;
-            active.fetch_sub(1000);
-            barriers.fetch_add(1);
-          });
-        } else {
-          q.async([&] {
-            if (active.fetch_add(1) >= 1000) overlappedBarrier = true;
-            active.fetch_sub(1);
-            tasks.fetch_add(1);
-          });
-        }
+  onThreads(kThreads, [&](int) {
+    for (int i = 1; i <= kPerThread; ++i) {
+      if (i % 50 == 0) {
+        q.barrierAsync([&] {
+          if (active.fetch_add(1000) != 0) barrierSawOthers = true;
+          active.fetch_sub(1000);
+          barriers.fetch_add(1);
+        });
+      } else {
+        q.async([&] {
+          if (active.fetch_add(1) >= 1000) overlappedBarrier = true;
+          active.fetch_sub(1);
+          tasks.fetch_add(1);
+        });
       }
-    });
-  }
-  for (auto& p : producers) p.join();
+    }
+  });
   q.barrierSync([] {});
   EXPECT_FALSE(barrierSawOthers);
   EXPECT_FALSE(overlappedBarrier);
@@ -250,18 +235,13 @@ TEST(GlobalQueue, LosesNoWorkAndGrowsWhenWorkersBlock) {
   constexpr int kThreads = 6, kPerThread = 20000;
   std::atomic<int> ran{0};
   Semaphore done;
-  std::vector<std::thread> producers;
-  for (int t = 0; t < kThreads; ++t) {
-    producers.emplace_back([&, t] {
-      QueuePriority p = static_cast<QueuePriority>(t % 4);
-      for (int i = 0; i < kPerThread; ++i) {
-        Queue::global(p).async([&] {
-          if (ran.fetch_add(1) + 1 == kThreads * kPerThread) done.signal();
-        });
-      }
-    });
-  }
-  for (auto& p : producers) p.join();
+  onThreads(kThreads, [&](int t) {
+    for (int i = 0; i < kPerThread; ++i) {
+      Queue::global(static_cast<QueuePriority>(t % 4)).async([&] {
+        if (ran.fetch_add(1) + 1 == kThreads * kPerThread) done.signal();
+      });
+    }
+  });
   ASSERT_TRUE(done.waitFor(kPatience));
   EXPECT_EQ(ran.load(), kThreads * kPerThread);
 

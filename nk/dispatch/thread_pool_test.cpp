@@ -22,6 +22,17 @@ constexpr auto kPatience = 20s;  // generous: only a hang should ever reach it
 // Waiting on a std::future is client code blocking: the pool does not know about it.
 bool ready(std::future<void>& f) { return f.wait_for(kPatience) == std::future_status::ready; }
 
+// Runs `body` as a pool task and waits for it to end.
+template <class Body>
+void onPool(Body body) {
+  Semaphore ended;
+  Queue::global().async([&] {
+    body();
+    ended.signal();
+  });
+  ASSERT_TRUE(ended.waitFor(kPatience));
+}
+
 TEST(PoolTaskTail, KeptTaskRunsAfterTheTaskOnItsWorker) {
   std::atomic<bool> outerReturned{false};
   std::thread::id outerThread, innerThread;
@@ -74,52 +85,37 @@ TEST(PoolTaskTail, LosesNoTasksAlongLongChains) {
 
 TEST(PoolTaskTail, BlockingTaskDoesNotWaitOnItsKeptTask) {
   // Waiting through the library's own primitives gives the kept task to another worker.
-  {
-    Semaphore inner, outer;
-    Queue::global().async([&] {
-      {
-        TaskTailRegion tail;
-        Queue::global().async([&] { inner.signal(); });
-      }
-      EXPECT_TRUE(inner.waitFor(kPatience));
-      outer.signal();
-    });
-    ASSERT_TRUE(outer.waitFor(kPatience));
-  }
+  Semaphore inner;
+  onPool([&] {
+    {
+      TaskTailRegion tail;
+      Queue::global().async([&] { inner.signal(); });
+    }
+    EXPECT_TRUE(inner.waitFor(kPatience));
+  });
   // Client code run inside the region interrupts it first: the kept task is queued, and
   // a later task in the region is queued too, so a plain wait for either ends.
-  {
-    std::promise<void> first, second;
-    std::future<void> firstDone = first.get_future(), secondDone = second.get_future();
-    Semaphore outer;
-    Queue::global().async([&] {
-      TaskTailRegion tail;
-      Queue::global().async([&] { first.set_value(); });
-      TaskTailRegion::interrupt();
-      Queue::global().async([&] { second.set_value(); });
-      EXPECT_TRUE(ready(firstDone));
-      EXPECT_TRUE(ready(secondDone));
-      outer.signal();
-    });
-    ASSERT_TRUE(outer.waitFor(kPatience));
-  }
+  std::promise<void> first, second, kept;
+  std::future<void> firstDone = first.get_future(), secondDone = second.get_future();
+  onPool([&] {
+    TaskTailRegion tail;
+    Queue::global().async([&] { first.set_value(); });
+    TaskTailRegion::interrupt();
+    Queue::global().async([&] { second.set_value(); });
+    EXPECT_TRUE(ready(firstDone));
+    EXPECT_TRUE(ready(secondDone));
+  });
   // A later task from the same thread queues the kept one first, keeping this thread's
   // order: the kept task is then under way while this one still runs.
-  {
-    std::promise<void> kept;
-    std::future<void> keptStarted = kept.get_future();
-    Semaphore outer;
-    Queue::global().async([&] {
-      {
-        TaskTailRegion tail;
-        Queue::global().async([&] { kept.set_value(); });
-      }
-      Queue::global().async([] {});
-      EXPECT_TRUE(ready(keptStarted));
-      outer.signal();
-    });
-    ASSERT_TRUE(outer.waitFor(kPatience));
-  }
+  std::future<void> keptStarted = kept.get_future();
+  onPool([&] {
+    {
+      TaskTailRegion tail;
+      Queue::global().async([&] { kept.set_value(); });
+    }
+    Queue::global().async([] {});
+    EXPECT_TRUE(ready(keptStarted));
+  });
 }
 
 TEST(PoolTaskTail, NothingIsKeptOutsideAPlainPoolTask) {

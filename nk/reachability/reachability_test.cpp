@@ -27,9 +27,7 @@ NK_DEFINE_CLASS(HostReachability, "HostReachability");
 namespace {
 
 using namespace std::chrono_literals;
-using reachability_test::addVethPair;
-using reachability_test::ip;
-using reachability_test::socketAddress;
+using namespace reachability_test;
 
 TEST(NKReachability, StatusForFlags) {
   auto monitor = NKReachability::reachabilityForInternetConnection();
@@ -57,26 +55,22 @@ TEST(NKReachability, StatusForFlags) {
 
 TEST(NKReachability, Factories) {
   // Each factory makes an instance of the class it is called for
-  {
-    auto name = NKReachability::reachabilityWithHostName<HostReachability>(NK_STR("localhost"));
-    auto address =
-        NKReachability::reachabilityWithAddress<HostReachability>(socketAddress("10.0.0.1").get());
-    auto internet = NKReachability::reachabilityForInternetConnection<HostReachability>();
-    for (const NKReachability* monitor : {name.get(), address.get(), internet.get()}) {
-      ASSERT_TRUE(monitor);
-      EXPECT_TRUE(monitor->isMemberOfClass(HostReachability::staticClass()));
-    }
-    EXPECT_TRUE(NKReachability::reachabilityForInternetConnection()->isMemberOfClass(
-        NKReachability::staticClass()));
+  auto name = NKReachability::reachabilityWithHostName<HostReachability>(NK_STR("localhost"));
+  auto address =
+      NKReachability::reachabilityWithAddress<HostReachability>(socketAddress("10.0.0.1").get());
+  auto internet = NKReachability::reachabilityForInternetConnection<HostReachability>();
+  for (const NKReachability* monitor : {name.get(), address.get(), internet.get()}) {
+    ASSERT_TRUE(monitor);
+    EXPECT_TRUE(monitor->isMemberOfClass(HostReachability::staticClass()));
   }
+  EXPECT_TRUE(NKReachability::reachabilityForInternetConnection()->isMemberOfClass(
+      NKReachability::staticClass()));
   // Refused targets give nil
-  {
-    EXPECT_FALSE(NKReachability::reachabilityWithHostName(nullptr));
-    EXPECT_FALSE(NKReachability::reachabilityWithHostName(NK_STR("")));
-    auto other = socketAddress("10.0.0.1");
-    other.bytes[1] = AF_UNIX;
-    EXPECT_FALSE(NKReachability::reachabilityWithAddress(other.get()));
-  }
+  EXPECT_FALSE(NKReachability::reachabilityWithHostName(nullptr));
+  EXPECT_FALSE(NKReachability::reachabilityWithHostName(NK_STR("")));
+  auto other = socketAddress("10.0.0.1");
+  other.bytes[1] = AF_UNIX;
+  EXPECT_FALSE(NKReachability::reachabilityWithAddress(other.get()));
 }
 
 // Counts the change notifications of one monitor, and the threads they came on.
@@ -111,51 +105,33 @@ bool runUntilCount(const NotificationLog& log, size_t count) {
   return RunLoop::current().runUntil([&] { return log.statuses.size() >= count; }, 3s);
 }
 
-TEST(NKReachability, EmptyNamespace) {
-  NK_IN_NEW_NAMESPACE([] {
-    for (const char* address : {"10.1.2.3", "127.0.0.1"}) {
-      auto monitor = NKReachability::reachabilityWithAddress(socketAddress(address).get());
-      ASSERT_TRUE(monitor);
-      EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusNotReachable) << address;
-      EXPECT_FALSE(monitor->connectionRequired());
-    }
-    auto internet = NKReachability::reachabilityForInternetConnection();
-    EXPECT_EQ(internet->currentReachabilityStatus(), NKNetworkStatusNotReachable);
-  });
-}
-
 TEST(NKReachability, NotifiesOncePerChange) {
   NK_IN_NEW_NAMESPACE([] {
     ASSERT_TRUE(addVethPair());
     auto monitor = NKReachability::reachabilityForInternetConnection();
     NotificationLog log(monitor.get());
     EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusNotReachable);
+    EXPECT_FALSE(monitor->connectionRequired());
     ASSERT_TRUE(monitor->startNotifier());
     // A default route: one notification, on this thread, after which the status is 1
-    {
-      ASSERT_TRUE(ip("route add default via 10.77.0.2"));
-      ASSERT_TRUE(runUntilCount(log, 1));
-      settle();
-      ASSERT_EQ(log.statuses, std::vector<NKNetworkStatus>{NKNetworkStatusReachable});
-      EXPECT_EQ(log.threads[0], std::this_thread::get_id());
-      EXPECT_FALSE(monitor->connectionRequired());
-    }
+    ASSERT_TRUE(ip("route add default via 10.77.0.2"));
+    ASSERT_TRUE(runUntilCount(log, 1));
+    settle();
+    ASSERT_EQ(log.statuses, std::vector<NKNetworkStatus>{NKNetworkStatusReachable});
+    EXPECT_EQ(log.threads[0], std::this_thread::get_id());
+    EXPECT_FALSE(monitor->connectionRequired());
     // A prohibit route over the internet's probes: one more, status 0
-    {
-      ASSERT_TRUE(ip("route add prohibit 198.51.100.0/24"));
-      ASSERT_TRUE(runUntilCount(log, 2));
-      settle();
-      ASSERT_EQ(log.statuses.size(), 2u);
-      EXPECT_EQ(log.statuses[1], NKNetworkStatusNotReachable);
-    }
+    ASSERT_TRUE(ip("route add prohibit 198.51.100.0/24"));
+    ASSERT_TRUE(runUntilCount(log, 2));
+    settle();
+    ASSERT_EQ(log.statuses.size(), 2u);
+    EXPECT_EQ(log.statuses[1], NKNetworkStatusNotReachable);
     // After stopNotifier nothing more is posted, though the network changes
-    {
-      monitor->stopNotifier();
-      ASSERT_TRUE(ip("route del prohibit 198.51.100.0/24"));
-      settle();
-      EXPECT_EQ(log.statuses.size(), 2u);
-      EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusReachable);
-    }
+    monitor->stopNotifier();
+    ASSERT_TRUE(ip("route del prohibit 198.51.100.0/24"));
+    settle();
+    EXPECT_EQ(log.statuses.size(), 2u);
+    EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusReachable);
   });
 }
 
@@ -165,27 +141,21 @@ TEST(NKReachability, StopNotifier) {
     auto monitor = NKReachability::reachabilityWithAddress(socketAddress("10.77.0.2").get());
     NotificationLog log(monitor.get());
     // Stopping a notifier that never started is harmless, and twice too
-    {
-      monitor->stopNotifier();
-      monitor->stopNotifier();
-      EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusReachable);
-    }
+    monitor->stopNotifier();
+    monitor->stopNotifier();
+    EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusReachable);
     // Stopping from another thread leaves the notifier running here
-    {
-      ASSERT_TRUE(monitor->startNotifier());
-      std::thread([&] { monitor->stopNotifier(); }).join();
-      ASSERT_TRUE(ip("link set nkr1 down"));
-      ASSERT_TRUE(runUntilCount(log, 1));
-      EXPECT_EQ(log.statuses[0], NKNetworkStatusNotReachable);
-    }
+    ASSERT_TRUE(monitor->startNotifier());
+    std::thread([&] { monitor->stopNotifier(); }).join();
+    ASSERT_TRUE(ip("link set nkr1 down"));
+    ASSERT_TRUE(runUntilCount(log, 1));
+    EXPECT_EQ(log.statuses[0], NKNetworkStatusNotReachable);
     // A notifier can be started again after a stop
-    {
-      monitor->stopNotifier();
-      ASSERT_TRUE(monitor->startNotifier());
-      ASSERT_TRUE(ip("link set nkr1 up"));
-      ASSERT_TRUE(runUntilCount(log, 2));
-      EXPECT_EQ(log.statuses[1], NKNetworkStatusReachable);
-    }
+    monitor->stopNotifier();
+    ASSERT_TRUE(monitor->startNotifier());
+    ASSERT_TRUE(ip("link set nkr1 up"));
+    ASSERT_TRUE(runUntilCount(log, 2));
+    EXPECT_EQ(log.statuses[1], NKNetworkStatusReachable);
   });
 }
 

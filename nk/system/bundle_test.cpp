@@ -54,39 +54,36 @@ TEST(Bundle, MainBundleFollowsTheVariable) {
   TempDir dir;
   writeFile(dir / "one/Info.plist", xmlInfo("org.example.one"));
   writeFile(dir / "two/Info.plist", binaryInfo("org.example.two"));
-  {  // XML and binary Info.plist, re-resolved when NK_MAIN_BUNDLE changes
-    ScopedEnv env("NK_MAIN_BUNDLE", dir / "one");
-    auto one = Bundle::mainBundle();
-    EXPECT_EQ(one->bundlePath()->utf8(), dir / "one");
-    EXPECT_EQ(one->bundleIdentifier()->utf8(), "org.example.one");
-    EXPECT_EQ(cast<Number>(one->objectForInfoDictionaryKey(NK_STR("Count")))->longValue(), 3);
-    EXPECT_EQ(Bundle::mainBundle(), one);
+  // XML and binary Info.plist, re-resolved when NK_MAIN_BUNDLE changes
+  ScopedEnv env("NK_MAIN_BUNDLE", dir / "one");
+  auto one = Bundle::mainBundle();
+  EXPECT_EQ(one->bundlePath()->utf8(), dir / "one");
+  EXPECT_EQ(one->bundleIdentifier()->utf8(), "org.example.one");
+  EXPECT_EQ(cast<Number>(one->objectForInfoDictionaryKey(NK_STR("Count")))->longValue(), 3);
+  EXPECT_EQ(Bundle::mainBundle(), one);
+  {
     ScopedEnv two("NK_MAIN_BUNDLE", dir / "two/");
     EXPECT_EQ(Bundle::mainBundle()->bundleIdentifier()->utf8(), "org.example.two");
     EXPECT_TRUE(cast<Number>(Bundle::mainBundle()->objectForInfoDictionaryKey(NK_STR("Flag")))
                     ->boolValue());
   }
-  {  // a changed Info.plist is read again
-    ScopedEnv env("NK_MAIN_BUNDLE", dir / "one");
-    writeFile(dir / "one/Info.plist", xmlInfo("org.example.changed-and-longer"));
-    EXPECT_EQ(Bundle::mainBundle()->bundleIdentifier()->utf8(), "org.example.changed-and-longer");
-  }
-  {  // no Info.plist, or a broken one: empty info and no identifier
-    writeFile(dir / "broken/Info.plist", "<plist><dict><key>x</key>");
-    EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "broken").get())->bundleIdentifier());
-    ::mkdir((dir / "empty").c_str(), 0700);
-    auto empty = Bundle::bundleWithPath(S(dir / "empty").get());
-    EXPECT_EQ(empty->infoDictionary()->count(), 0u);
-    EXPECT_FALSE(empty->bundleIdentifier());
-  }
-  {  // without the variable: the executable's folder
-    ScopedEnv env("NK_MAIN_BUNDLE", std::nullopt);
-    char exe[4096] = {};
-    ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-    std::string folder(exe);
-    folder.resize(folder.rfind('/'));
-    EXPECT_EQ(Bundle::mainBundle()->bundlePath()->utf8(), folder);
-  }
+  // a changed Info.plist is read again
+  writeFile(dir / "one/Info.plist", xmlInfo("org.example.changed-and-longer"));
+  EXPECT_EQ(Bundle::mainBundle()->bundleIdentifier()->utf8(), "org.example.changed-and-longer");
+  // no Info.plist, or a broken one: empty info and no identifier
+  writeFile(dir / "broken/Info.plist", "<plist><dict><key>x</key>");
+  EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "broken").get())->bundleIdentifier());
+  ::mkdir((dir / "empty").c_str(), 0700);
+  auto empty = Bundle::bundleWithPath(S(dir / "empty").get());
+  EXPECT_EQ(empty->infoDictionary()->count(), 0u);
+  EXPECT_FALSE(empty->bundleIdentifier());
+  // without the variable: the executable's folder
+  ScopedEnv unset("NK_MAIN_BUNDLE", std::nullopt);
+  char exe[4096] = {};
+  ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+  std::string folder(exe);
+  folder.resize(folder.rfind('/'));
+  EXPECT_EQ(Bundle::mainBundle()->bundlePath()->utf8(), folder);
   // bundleWithPath refuses what is not a folder.
   EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "missing").get()));
   EXPECT_FALSE(Bundle::bundleWithPath(S(dir / "one/Info.plist").get()));
@@ -134,16 +131,14 @@ TEST(Bundle, PreferredLanguages) {
   using List = std::vector<std::string>;
   Languages clean;
   EXPECT_EQ(Bundle::preferredLanguages(), List{});
-  {
-    ScopedEnv lang("LANG", std::string("fr_FR.UTF-8"));
-    EXPECT_EQ(Bundle::preferredLanguages(), (List{"fr_FR", "fr-FR", "fr"}));
-    ScopedEnv messages("LC_MESSAGES", std::string("de_DE@euro"));
-    EXPECT_EQ(Bundle::preferredLanguages(), (List{"de_DE", "de-DE", "de"}));
-    ScopedEnv all("LC_ALL", std::string("C.UTF-8"));
-    EXPECT_EQ(Bundle::preferredLanguages(), List{});
-    ScopedEnv language("LANGUAGE", std::string("pt_BR:pt:en"));
-    EXPECT_EQ(Bundle::preferredLanguages(), (List{"pt_BR", "pt-BR", "pt", "en"}));
-  }
+  ScopedEnv lang("LANG", std::string("fr_FR.UTF-8"));
+  EXPECT_EQ(Bundle::preferredLanguages(), (List{"fr_FR", "fr-FR", "fr"}));
+  ScopedEnv messages("LC_MESSAGES", std::string("de_DE@euro"));
+  EXPECT_EQ(Bundle::preferredLanguages(), (List{"de_DE", "de-DE", "de"}));
+  ScopedEnv all("LC_ALL", std::string("C.UTF-8"));
+  EXPECT_EQ(Bundle::preferredLanguages(), List{});
+  ScopedEnv language("LANGUAGE", std::string("pt_BR:pt:en"));
+  EXPECT_EQ(Bundle::preferredLanguages(), (List{"pt_BR", "pt-BR", "pt", "en"}));
 }
 
 TEST(Bundle, LocalizedStringsFallBackInOrder) {
@@ -208,32 +203,29 @@ std::string entry(const Dictionary* table, const char* key) {
 }
 
 TEST(StringsTable, SyntaxAndEscapes) {
-  {  // comments, escapes and unquoted words
-    auto table = parseStringsTable(
-        "/* header\n comment */\n\"a\" = \"x\\\"y\\\\z\";  // trailing\n"
-        "\"nl\" = \"1\\n2\\t3\";\nword = other.word;\n\"u\" = "
-        "\"\\U00e9\\u20AC\";\n"
-        "\"self\";\n\"a\" = \"later wins\";");
-    ASSERT_TRUE(table);
-    EXPECT_EQ(entry(table.get(), "a"), "later wins");
-    EXPECT_EQ(entry(table.get(), "nl"), "1\n2\t3");
-    EXPECT_EQ(entry(table.get(), "word"), "other.word");
-    EXPECT_EQ(entry(table.get(), "u"), "é€");
-    EXPECT_EQ(entry(table.get(), "self"), "self");
-    EXPECT_EQ(table->count(), 5u);
+  // comments, escapes and unquoted words
+  auto table = parseStringsTable(
+      "/* header\n comment */\n\"a\" = \"x\\\"y\\\\z\";  // trailing\n"
+      "\"nl\" = \"1\\n2\\t3\";\nword = other.word;\n\"u\" = "
+      "\"\\U00e9\\u20AC\";\n"
+      "\"self\";\n\"a\" = \"later wins\";");
+  ASSERT_TRUE(table);
+  EXPECT_EQ(entry(table.get(), "a"), "later wins");
+  EXPECT_EQ(entry(table.get(), "nl"), "1\n2\t3");
+  EXPECT_EQ(entry(table.get(), "word"), "other.word");
+  EXPECT_EQ(entry(table.get(), "u"), "é€");
+  EXPECT_EQ(entry(table.get(), "self"), "self");
+  EXPECT_EQ(table->count(), 5u);
+  // UTF-16 in both byte orders, and UTF-8 with a byte-order mark
+  for (bool little : {true, false}) {
+    EXPECT_EQ(entry(parseStringsTable(utf16(u"\"k\" = \"\u00fcber\";", little)).get(), "k"), "über")
+        << little;
   }
-  {  // UTF-16 in both byte orders, and UTF-8 with a byte-order mark
-    std::u16string text = u"\"k\" = \"\u00fcber\";";
-    for (bool little : {true, false}) {
-      EXPECT_EQ(entry(parseStringsTable(utf16(text, little)).get(), "k"), "über") << little;
-    }
-    EXPECT_EQ(entry(parseStringsTable("\xEF\xBB\xBF\"k\" = \"v\";").get(), "k"), "v");
-  }
-  {  // empty input is an empty table
-    auto table = parseStringsTable("  // nothing\n");
-    ASSERT_TRUE(table);
-    EXPECT_EQ(table->count(), 0u);
-  }
+  EXPECT_EQ(entry(parseStringsTable("\xEF\xBB\xBF\"k\" = \"v\";").get(), "k"), "v");
+  // empty input is an empty table
+  auto empty = parseStringsTable("  // nothing\n");
+  ASSERT_TRUE(empty);
+  EXPECT_EQ(empty->count(), 0u);
 }
 
 TEST(StringsTable, MalformedInputGivesNil) {

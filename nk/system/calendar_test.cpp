@@ -32,12 +32,11 @@ TEST(Calendar, SentinelDatesAndCalendars) {
   EXPECT_EQ(Calendar::yearOfDate(Date::distantPast()), 1);
   EXPECT_EQ(Calendar::yearOfDate(Date::distantFuture()), 4001);
   EXPECT_EQ(Calendar::yearOfDate(Date::fromTimeIntervalSinceReferenceDate(0).get()), 2001);
-  {  // the user's calendar: Buddhist in Thai, Gregorian when the locale asks for it
-    Ref<Date> d = Date::fromTimeIntervalSince1970(946684800.0 + 86400.0);  // 2000-01-02
-    ScopedEnv thai("LC_ALL", std::string("th_TH.UTF-8"));
-    EXPECT_EQ(Calendar::yearOfDate(d.get()), 2543);
-    EXPECT_EQ(Calendar::yearOfDate(d.get(), "UTC", "th_TH@calendar=gregorian"), 2000);
-  }
+  // the user's calendar: Buddhist in Thai, Gregorian when the locale asks for it
+  Ref<Date> d = Date::fromTimeIntervalSince1970(946684800.0 + 86400.0);  // 2000-01-02
+  ScopedEnv thai("LC_ALL", std::string("th_TH.UTF-8"));
+  EXPECT_EQ(Calendar::yearOfDate(d.get()), 2543);
+  EXPECT_EQ(Calendar::yearOfDate(d.get(), "UTC", "th_TH@calendar=gregorian"), 2000);
   EXPECT_EQ(Calendar::yearOfDate(nullptr), std::nullopt);
   EXPECT_EQ(Calendar::yearOfDate(
                 Date::fromTimeIntervalSince1970(std::numeric_limits<double>::quiet_NaN()).get()),

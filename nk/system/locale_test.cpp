@@ -24,13 +24,12 @@ TEST(Locale, CurrentFollowsTheEnvironment) {
   ResyncIcuDefault resync;
   ScopedEnv all("LC_ALL", std::nullopt), messages("LC_MESSAGES", std::nullopt),
       lang("LANG", std::string("de_CH.UTF-8"));
-  {  // LANG alone, codeset dropped, ICU's default set too
-    Ref<Locale> l = Locale::current();
-    EXPECT_EQ(l->localeIdentifier()->utf8(), "de_CH");
-    EXPECT_EQ(l->languageCode()->utf8(), "de");
-    EXPECT_EQ(l->countryCode()->utf8(), "CH");
-    EXPECT_STREQ(icu::Locale::getDefault().getName(), "de_CH");
-  }
+  // LANG alone, codeset dropped, ICU's default set too
+  Ref<Locale> l = Locale::current();
+  EXPECT_EQ(l->localeIdentifier()->utf8(), "de_CH");
+  EXPECT_EQ(l->languageCode()->utf8(), "de");
+  EXPECT_EQ(l->countryCode()->utf8(), "CH");
+  EXPECT_STREQ(icu::Locale::getDefault().getName(), "de_CH");
   {  // LC_MESSAGES over LANG, LC_ALL over both; re-read on each call; empty does not count
     ScopedEnv m("LC_MESSAGES", std::string("fr_FR.UTF-8"));
     EXPECT_EQ(currentIdentifier(), "fr_FR");
@@ -40,14 +39,13 @@ TEST(Locale, CurrentFollowsTheEnvironment) {
     ScopedEnv empty("LC_ALL", std::string(""));
     EXPECT_EQ(currentIdentifier(), "fr_FR");
   }
-  {  // the POSIX locale, a modifier, nothing at all
-    ScopedEnv posix("LANG", std::string("C.UTF-8"));
-    EXPECT_EQ(currentIdentifier(), "en_US_POSIX");
-    ScopedEnv modifier("LANG", std::string("sr_RS@latin"));
-    EXPECT_EQ(currentIdentifier(), "sr_RS");
-    ScopedEnv none("LANG", std::nullopt);
-    EXPECT_EQ(Locale::current()->languageCode()->utf8(), "en");
-  }
+  // the POSIX locale, a modifier, nothing at all
+  ScopedEnv posix("LANG", std::string("C.UTF-8"));
+  EXPECT_EQ(currentIdentifier(), "en_US_POSIX");
+  ScopedEnv modifier("LANG", std::string("sr_RS@latin"));
+  EXPECT_EQ(currentIdentifier(), "sr_RS");
+  ScopedEnv none("LANG", std::nullopt);
+  EXPECT_EQ(Locale::current()->languageCode()->utf8(), "en");
 }
 
 TEST(Locale, Identifiers) {

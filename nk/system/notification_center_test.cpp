@@ -33,16 +33,15 @@ TEST(NotificationCenter, MatchesByNameAndSender) {
   center->postNotification(NK_STR("B"), other.get());
   center->postNotification(NK_STR("B"), sender);
   EXPECT_EQ(heard, (std::vector<std::string>{"name:A", "sender:B", "both:B"}));
-  {  // the notification carries its user information
-    Ref<Dictionary> seen;
-    auto token = center->addObserver(NK_STR("C"), nullptr,
-                                     [&](const Notification* n) { seen = n->userInfo(); });
-    auto info = Dictionary::make({{NK_STR("k"), NK_STR("v")}});
-    center->postNotificationName(NK_STR("C"), nullptr, info.get());
-    ASSERT_TRUE(seen);
-    EXPECT_TRUE(seen->isEqual(info.get()));
-    center->removeObserver(token.get());
-  }
+  // the notification carries its user information
+  Ref<Dictionary> seen;
+  auto withInfo = center->addObserver(NK_STR("C"), nullptr,
+                                      [&](const Notification* n) { seen = n->userInfo(); });
+  auto info = Dictionary::make({{NK_STR("k"), NK_STR("v")}});
+  center->postNotificationName(NK_STR("C"), nullptr, info.get());
+  ASSERT_TRUE(seen);
+  EXPECT_TRUE(seen->isEqual(info.get()));
+  center->removeObserver(withInfo.get());
   // Removed observers hear nothing; unknown tokens are ignored.
   heard.clear();
   for (const Id& token : {byName, bySender, byBoth, byBoth, Id(NK_STR("not a token")), Id()}) {
@@ -56,30 +55,27 @@ TEST(NotificationCenter, MatchesByNameAndSender) {
 TEST(NotificationCenter, ChangesDuringDelivery) {
   auto center = NotificationCenter::make();
   int first = 0, second = 0, added = 0;
-  Id secondToken, firstToken;
-  {  // an observer removing itself and the next one: neither is called again
-    firstToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) {
-      ++first;
-      center->removeObserver(firstToken.get());
-      center->removeObserver(secondToken.get());
-    });
-    secondToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) { ++second; });
-    center->postNotification(NK_STR("N"), nullptr);
-    center->postNotification(NK_STR("N"), nullptr);
-    EXPECT_EQ(first, 1);
-    EXPECT_EQ(second, 0);
-  }
-  {  // an observer added during delivery hears only later notifications
-    Id adder;
-    adder = center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) {
-      center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) { ++added; });
-      center->removeObserver(adder.get());
-    });
-    center->postNotification(NK_STR("M"), nullptr);
-    EXPECT_EQ(added, 0);
-    center->postNotification(NK_STR("M"), nullptr);
-    EXPECT_EQ(added, 1);
-  }
+  Id secondToken, firstToken, adder;
+  // an observer removing itself and the next one: neither is called again
+  firstToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) {
+    ++first;
+    center->removeObserver(firstToken.get());
+    center->removeObserver(secondToken.get());
+  });
+  secondToken = center->addObserver(NK_STR("N"), nullptr, [&](const Notification*) { ++second; });
+  center->postNotification(NK_STR("N"), nullptr);
+  center->postNotification(NK_STR("N"), nullptr);
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 0);
+  // an observer added during delivery hears only later notifications
+  adder = center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) {
+    center->addObserver(NK_STR("M"), nullptr, [&](const Notification*) { ++added; });
+    center->removeObserver(adder.get());
+  });
+  center->postNotification(NK_STR("M"), nullptr);
+  EXPECT_EQ(added, 0);
+  center->postNotification(NK_STR("M"), nullptr);
+  EXPECT_EQ(added, 1);
 }
 
 TEST(NotificationCenter, DeliversOnThePostingThreadOrTheQueue) {

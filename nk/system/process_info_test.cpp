@@ -39,28 +39,23 @@ TEST(OperatingSystemVersion, AtLeastComparesPartByPart) {
 TEST(ComputerName, PrettyNameElseHostName) {
   TempDir dir;
   auto* info = ProcessInfo::processInfo();
-  {  // a quoted pretty name
-    writeFile(dir / "m1", "CHASSIS=laptop\nPRETTY_HOSTNAME=\"Ada's \\\"Laptop\\\"\"\n");
-    ScopedEnv env("NK_MACHINE_INFO", dir / "m1");
-    EXPECT_EQ(info->computerName()->utf8(), "Ada's \"Laptop\"");
-  }
-  {  // unquoted, and single-quoted
-    ScopedEnv env("NK_MACHINE_INFO", dir / "m2");
-    writeFile(dir / "m2", "PRETTY_HOSTNAME=Studio\n");
-    EXPECT_EQ(info->computerName()->utf8(), "Studio");
-    writeFile(dir / "m2", "PRETTY_HOSTNAME='Big \\ Box'\n");
-    EXPECT_EQ(info->computerName()->utf8(), "Big \\ Box");
-  }
-  {  // no pretty name, an empty one, or no file: the host name
-    char host[256] = {};
-    ::gethostname(host, sizeof host - 1);
-    writeFile(dir / "m3", "CHASSIS=desktop\nPRETTY_HOSTNAME=\n");
-    ScopedEnv env("NK_MACHINE_INFO", dir / "m3");
-    EXPECT_EQ(info->computerName()->utf8(), host);
-    ScopedEnv missing("NK_MACHINE_INFO", dir / "missing");
-    EXPECT_EQ(info->computerName()->utf8(), host);
-    EXPECT_EQ(info->hostName()->utf8(), host);
-  }
+  ScopedEnv env("NK_MACHINE_INFO", dir / "machine-info");
+  // a quoted pretty name
+  writeFile(dir / "machine-info", "CHASSIS=laptop\nPRETTY_HOSTNAME=\"Ada's \\\"Laptop\\\"\"\n");
+  EXPECT_EQ(info->computerName()->utf8(), "Ada's \"Laptop\"");
+  // unquoted, and single-quoted
+  writeFile(dir / "machine-info", "PRETTY_HOSTNAME=Studio\n");
+  EXPECT_EQ(info->computerName()->utf8(), "Studio");
+  writeFile(dir / "machine-info", "PRETTY_HOSTNAME='Big \\ Box'\n");
+  EXPECT_EQ(info->computerName()->utf8(), "Big \\ Box");
+  // no pretty name, an empty one, or no file: the host name
+  char host[256] = {};
+  ::gethostname(host, sizeof host - 1);
+  writeFile(dir / "machine-info", "CHASSIS=desktop\nPRETTY_HOSTNAME=\n");
+  EXPECT_EQ(info->computerName()->utf8(), host);
+  ScopedEnv missing("NK_MACHINE_INFO", dir / "missing");
+  EXPECT_EQ(info->computerName()->utf8(), host);
+  EXPECT_EQ(info->hostName()->utf8(), host);
 }
 
 TEST(ProcessFacts, IdentityEnvironmentAndMachine) {

@@ -31,94 +31,85 @@ struct Sandbox {
   }
 };
 
-std::string urlPath(const Array* urls) {
+// The one user-domain answer for `directory`, or "<none>".
+std::string userPath(unsigned long directory) {
+  auto urls = FileManager::defaultManager()->URLsForDirectory(directory, kUserDomainMask);
   return urls->count() == 1 ? cast<URL>(urls->objectAtIndex(0))->path()->utf8() : "<none>";
 }
 
 TEST(TemporaryDirectory, PrivateCacheFolderNeverTmp) {
   Sandbox box;
   ScopedEnv tmpdir("TMPDIR", box.dir / "elsewhere");
-  {  // the default: ~/.cache/<id>/ with a trailing slash, made 0700
-    auto path = temporaryDirectory();
-    ASSERT_TRUE(path);
-    EXPECT_EQ(path->utf8(), box.dir / "home/.cache/org.example.app/");
-    struct stat st;
-    ASSERT_EQ(::stat((box.dir / "home/.cache/org.example.app").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-  }
-  {  // XDG_CACHE_HOME counts unless relative; TMPDIR never does
-    ScopedEnv cache("XDG_CACHE_HOME", box.dir / "cache");
-    EXPECT_EQ(NSTemporaryDirectory()->utf8(), box.dir / "cache/org.example.app/");
-    ScopedEnv relative("XDG_CACHE_HOME", std::string("relative/cache"));
-    EXPECT_EQ(temporaryDirectory()->utf8(), box.dir / "home/.cache/org.example.app/");
-  }
-  {  // without a bundle identifier the process name names the folder
-    ScopedEnv bundle("NK_MAIN_BUNDLE", box.dir / "no-bundle");
-    auto path = temporaryDirectory();
-    ASSERT_TRUE(path);
-    EXPECT_NE(path->utf8(), "/tmp/");
-    EXPECT_EQ(path->utf8(), box.dir / "home/.cache/" + applicationFolderName() + "/");
-    EXPECT_NE(applicationFolderName(), "org.example.app");
-  }
-  {  // an empty or relative HOME is an error, not a relative folder
-    ScopedEnv home("HOME", std::string("relative-home"));
-    EXPECT_FALSE(temporaryDirectory());
-    ScopedEnv empty("HOME", std::string(""));
-    EXPECT_FALSE(temporaryDirectory());
-    EXPECT_FALSE(homeDirectory());
-  }
+  // the default: ~/.cache/<id>/ with a trailing slash, made 0700
+  auto path = temporaryDirectory();
+  ASSERT_TRUE(path);
+  EXPECT_EQ(path->utf8(), box.dir / "home/.cache/org.example.app/");
+  struct stat st;
+  ASSERT_EQ(::stat((box.dir / "home/.cache/org.example.app").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  // XDG_CACHE_HOME counts unless relative; TMPDIR never does
+  ScopedEnv cache("XDG_CACHE_HOME", box.dir / "cache");
+  EXPECT_EQ(NSTemporaryDirectory()->utf8(), box.dir / "cache/org.example.app/");
+  ScopedEnv relative("XDG_CACHE_HOME", std::string("relative/cache"));
+  EXPECT_EQ(temporaryDirectory()->utf8(), box.dir / "home/.cache/org.example.app/");
+  // without a bundle identifier the process name names the folder
+  ScopedEnv bundle("NK_MAIN_BUNDLE", box.dir / "no-bundle");
+  path = temporaryDirectory();
+  ASSERT_TRUE(path);
+  EXPECT_NE(path->utf8(), "/tmp/");
+  EXPECT_EQ(path->utf8(), box.dir / "home/.cache/" + applicationFolderName() + "/");
+  EXPECT_NE(applicationFolderName(), "org.example.app");
+  // an empty or relative HOME is an error, not a relative folder
+  ScopedEnv home("HOME", std::string("relative-home"));
+  EXPECT_FALSE(temporaryDirectory());
+  ScopedEnv empty("HOME", std::string(""));
+  EXPECT_FALSE(temporaryDirectory());
+  EXPECT_FALSE(homeDirectory());
 }
 
 TEST(SearchPathDirectories, LibraryAndDocuments) {
   Sandbox box;
   auto* manager = FileManager::defaultManager();
   {  // Library: $XDG_DATA_HOME/<id>, default ~/.local/share/<id>
-    EXPECT_EQ(urlPath(manager->URLsForDirectory(kLibraryDirectory, kUserDomainMask).get()),
-              box.dir / "home/.local/share/org.example.app");
+    EXPECT_EQ(userPath(kLibraryDirectory), box.dir / "home/.local/share/org.example.app");
     ScopedEnv data("XDG_DATA_HOME", box.dir / "data");
-    EXPECT_EQ(urlPath(manager->URLsForDirectory(kLibraryDirectory, kUserDomainMask).get()),
-              box.dir / "data/org.example.app");
+    EXPECT_EQ(userPath(kLibraryDirectory), box.dir / "data/org.example.app");
   }
   // Only the user domain answers.
   EXPECT_EQ(manager->URLsForDirectory(kLibraryDirectory, kSystemDomainMask)->count(), 0u);
   EXPECT_EQ(manager->URLsForDirectory(kLibraryDirectory, kAllDomainsMask)->count(), 1u);
   EXPECT_EQ(manager->URLsForDirectory(99, kUserDomainMask)->count(), 0u);
   // Documents without user-dirs.dirs: ~/Documents
-  EXPECT_EQ(urlPath(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask).get()),
-            box.dir / "home/Documents");
-  {  // user-dirs.dirs: $HOME expanded, comments skipped, last assignment wins
-    writeFile(box.dir / "home/.config/user-dirs.dirs",
-              "# written by a tool\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-              "XDG_DOCUMENTS_DIR=\"$HOME/Old\"\nXDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\"\"\n");
-    EXPECT_EQ(userDocumentsDirectory(), box.dir.path() + "/home/My \"Docs\"");
-  }
-  {  // an absolute value in XDG_CONFIG_HOME's file; relative values are ignored
-    ScopedEnv config("XDG_CONFIG_HOME", box.dir / "config");
-    writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/docs/\"\n");
-    EXPECT_EQ(userDocumentsDirectory(), std::string("/srv/docs"));
-    writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"docs\"\n");
-    EXPECT_EQ(userDocumentsDirectory(), box.dir / "home/Documents");
-  }
-  {  // no home: no answers
-    ScopedEnv home("HOME", std::string("rel"));
-    EXPECT_EQ(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask)->count(), 0u);
-    EXPECT_EQ(manager->URLsForDirectory(kLibraryDirectory, kUserDomainMask)->count(), 0u);
-  }
+  EXPECT_EQ(userPath(kDocumentDirectory), box.dir / "home/Documents");
+  // user-dirs.dirs: $HOME expanded, comments skipped, last assignment wins
+  writeFile(box.dir / "home/.config/user-dirs.dirs",
+            "# written by a tool\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
+            "XDG_DOCUMENTS_DIR=\"$HOME/Old\"\nXDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\"\"\n");
+  EXPECT_EQ(userDocumentsDirectory(), box.dir.path() + "/home/My \"Docs\"");
+  // an absolute value in XDG_CONFIG_HOME's file; relative values are ignored
+  ScopedEnv config("XDG_CONFIG_HOME", box.dir / "config");
+  writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/docs/\"\n");
+  EXPECT_EQ(userDocumentsDirectory(), std::string("/srv/docs"));
+  writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"docs\"\n");
+  EXPECT_EQ(userDocumentsDirectory(), box.dir / "home/Documents");
+  // no home: no answers
+  ScopedEnv home("HOME", std::string("rel"));
+  EXPECT_EQ(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask)->count(), 0u);
+  EXPECT_EQ(manager->URLsForDirectory(kLibraryDirectory, kUserDomainMask)->count(), 0u);
 }
 
 TEST(GroupContainer, MadeOnRequestAndIdentifiersChecked) {
   Sandbox box;
   ScopedEnv data("XDG_DATA_HOME", box.dir / "data");
   auto* manager = FileManager::defaultManager();
-  {  // a valid identifier: the folder is made, the URL ends in "/"
-    auto url = manager->containerURLForSecurityApplicationGroupIdentifier(NK_STR("group.a.b"));
-    ASSERT_TRUE(url);
-    EXPECT_EQ(url->path()->utf8(), box.dir / "data/group-containers/group.a.b");
-    EXPECT_TRUE(url->absoluteString()->utf8().ends_with("/"));
-    struct stat st;
-    ASSERT_EQ(::stat((box.dir / "data/group-containers/group.a.b").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-  }
+  // a valid identifier: the folder is made, the URL ends in "/"
+  auto url = manager->containerURLForSecurityApplicationGroupIdentifier(NK_STR("group.a.b"));
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->path()->utf8(), box.dir / "data/group-containers/group.a.b");
+  EXPECT_TRUE(url->absoluteString()->utf8().ends_with("/"));
+  struct stat st;
+  ASSERT_EQ(::stat((box.dir / "data/group-containers/group.a.b").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
   // Identifiers that could escape or confuse have no container.
   for (const char* bad : {"", ".", "..", "a/b", "../x", "tab\there", "nl\n"}) {
     EXPECT_FALSE(
@@ -127,12 +118,11 @@ TEST(GroupContainer, MadeOnRequestAndIdentifiersChecked) {
   }
   EXPECT_FALSE(manager->containerURLForSecurityApplicationGroupIdentifier(nullptr));
   EXPECT_FALSE(test::exists(box.dir / "data/x"));
-  {  // a relative XDG_DATA_HOME falls back to the home default
-    ScopedEnv relative("XDG_DATA_HOME", std::string("data"));
-    auto url = manager->containerURLForSecurityApplicationGroupIdentifier(NK_STR("g"));
-    ASSERT_TRUE(url);
-    EXPECT_EQ(url->path()->utf8(), box.dir / "home/.local/share/group-containers/g");
-  }
+  // a relative XDG_DATA_HOME falls back to the home default
+  ScopedEnv relative("XDG_DATA_HOME", std::string("data"));
+  url = manager->containerURLForSecurityApplicationGroupIdentifier(NK_STR("g"));
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->path()->utf8(), box.dir / "home/.local/share/group-containers/g");
 }
 
 }  // namespace
