@@ -51,24 +51,21 @@ TEST(Array, AccessAndBounds) {
       raised([&] { (void)a->objectAtIndex(3); }),
       std::make_pair(std::string("NSRangeException"),
                      std::string("*** -[Array objectAtIndex:]: index 3 beyond bounds [0 .. 1]")));
-  {  // Empty arrays say so, and first/last are nil rather than raising.
-    auto empty = MutableArray::make();
-    EXPECT_EQ(raised([&] { (void)(*empty)[0]; }).second,
-              "*** -[MutableArray objectAtIndex:]: index 0 beyond bounds for empty array");
-    EXPECT_EQ(empty->firstObject(), nullptr);
-    EXPECT_EQ(empty->lastObject(), nullptr);
-  }
-  {  // Nil elements are refused at construction, naming the position.
-    auto r = raised([] { (void)Array::make({S("a"), Id()}); });
-    EXPECT_EQ(r.first, "NSInvalidArgumentException");
-    EXPECT_THAT(r.second, ::testing::HasSubstr("attempt to insert nil object from objects[1]"));
-  }
-  {  // Subranges are checked against the end.
-    EXPECT_THAT(texts(*a->subarray(1, 1)), ::testing::ElementsAre("y"));
-    EXPECT_EQ(a->subarray(2, 0)->count(), 0u);
-    EXPECT_EQ(raised([&] { (void)a->subarray(1, 2); }).first, "NSRangeException");
-    EXPECT_EQ(raised([&] { (void)a->subarray(3, 0); }).first, "NSRangeException");
-  }
+  // Empty arrays say so, and first/last are nil rather than raising.
+  auto empty = MutableArray::make();
+  EXPECT_EQ(raised([&] { (void)(*empty)[0]; }).second,
+            "*** -[MutableArray objectAtIndex:]: index 0 beyond bounds for empty array");
+  EXPECT_EQ(empty->firstObject(), nullptr);
+  EXPECT_EQ(empty->lastObject(), nullptr);
+  // Nil elements are refused at construction, naming the position.
+  auto r = raised([] { (void)Array::make({S("a"), Id()}); });
+  EXPECT_EQ(r.first, "NSInvalidArgumentException");
+  EXPECT_THAT(r.second, ::testing::HasSubstr("attempt to insert nil object from objects[1]"));
+  // Subranges are checked against the end.
+  EXPECT_THAT(texts(*a->subarray(1, 1)), ::testing::ElementsAre("y"));
+  EXPECT_EQ(a->subarray(2, 0)->count(), 0u);
+  EXPECT_EQ(raised([&] { (void)a->subarray(1, 2); }).first, "NSRangeException");
+  EXPECT_EQ(raised([&] { (void)a->subarray(3, 0); }).first, "NSRangeException");
 }
 
 TEST(Array, SearchUsesEquality) {
@@ -97,29 +94,26 @@ TEST(MutableArray, Changes) {
   m->removeLastObject();
   EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "c"));
 
-  {  // removeObject drops every equal element, keeping the others in order.
-    m->addObjectsFromArray(Array::make({S("c"), S("e"), S("c")}).get());
-    m->removeObject(S("c"));
-    EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e"));
-  }
-  {  // Appending an array to itself doubles it rather than looping.
-    m->addObjectsFromArray(m.get());
-    EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e", "d", "e"));
-  }
-  {  // Misuse raises and leaves the content alone.
-    EXPECT_EQ(raised([&] { m->addObject(nullptr); }),
-              std::make_pair(std::string("NSInvalidArgumentException"),
-                             std::string("*** -[MutableArray insertObject:atIndex:]: object "
-                                         "cannot be nil")));
-    EXPECT_EQ(raised([&] { m->insertObjectAtIndex(S("x"), 5); }).second,
-              "*** -[MutableArray insertObject:atIndex:]: index 5 beyond bounds [0 .. 3]");
-    EXPECT_EQ(raised([&] { m->replaceObjectAtIndexWithObject(4, S("x")); }).first,
-              "NSRangeException");
-    EXPECT_EQ(raised([&] { m->replaceObjectAtIndexWithObject(0, nullptr); }).first,
-              "NSInvalidArgumentException");
-    EXPECT_EQ(raised([&] { m->removeObjectAtIndex(4); }).first, "NSRangeException");
-    EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e", "d", "e"));
-  }
+  // removeObject drops every equal element, keeping the others in order.
+  m->addObjectsFromArray(Array::make({S("c"), S("e"), S("c")}).get());
+  m->removeObject(S("c"));
+  EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e"));
+  // Appending an array to itself doubles it rather than looping.
+  m->addObjectsFromArray(m.get());
+  EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e", "d", "e"));
+  // Misuse raises and leaves the content alone.
+  EXPECT_EQ(raised([&] { m->addObject(nullptr); }),
+            std::make_pair(std::string("NSInvalidArgumentException"),
+                           std::string("*** -[MutableArray insertObject:atIndex:]: object "
+                                       "cannot be nil")));
+  EXPECT_EQ(raised([&] { m->insertObjectAtIndex(S("x"), 5); }).second,
+            "*** -[MutableArray insertObject:atIndex:]: index 5 beyond bounds [0 .. 3]");
+  EXPECT_EQ(raised([&] { m->replaceObjectAtIndexWithObject(4, S("x")); }).first,
+            "NSRangeException");
+  EXPECT_EQ(raised([&] { m->replaceObjectAtIndexWithObject(0, nullptr); }).first,
+            "NSInvalidArgumentException");
+  EXPECT_EQ(raised([&] { m->removeObjectAtIndex(4); }).first, "NSRangeException");
+  EXPECT_THAT(texts(*m), ::testing::ElementsAre("d", "e", "d", "e"));
   m->removeAllObjects();
   EXPECT_TRUE(m->isEmpty());
   EXPECT_EQ(raised([&] { m->removeLastObject(); }).first, "NSRangeException");
@@ -135,13 +129,12 @@ TEST(MutableArray, ReleasesWhatItDrops) {
   EXPECT_EQ(deaths, 1);
   m->replaceObjectAtIndexWithObject(0, S("x"));
   EXPECT_EQ(deaths, 2);
-  {  // The only reference may be the array's own: removing must not touch it after.
-    Id last = m->lastObject();
-    Object* raw = last.get();
-    last = nullptr;
-    m->removeObject(raw);
-    EXPECT_EQ(deaths, 3);
-  }
+  // The only reference may be the array's own: removing must not touch it after.
+  Id last = m->lastObject();
+  Object* raw = last.get();
+  last = nullptr;
+  m->removeObject(raw);
+  EXPECT_EQ(deaths, 3);
   m->addObject(make<ArrayTestTracked>(&deaths));
   m->removeAllObjects();
   EXPECT_EQ(deaths, 5);
@@ -169,22 +162,20 @@ TEST(Array, CopySemantics) {
 
   auto m = MutableArray::make({S("a"), S("b")});
   Id snapshot = m->copy();
-  {  // A mutable array's copy is a distinct immutable snapshot of the same elements.
-    ASSERT_NE(snapshot, m);
-    EXPECT_TRUE(snapshot->isMemberOfClass(Array::staticClass()));
-    EXPECT_EQ(cast<Array>(snapshot)->objectAtIndex(0), m->objectAtIndex(0));
-  }
+  // A mutable array's copy is a distinct immutable snapshot of the same elements.
+  ASSERT_NE(snapshot, m);
+  EXPECT_TRUE(snapshot->isMemberOfClass(Array::staticClass()));
+  EXPECT_EQ(cast<Array>(snapshot)->objectAtIndex(0), m->objectAtIndex(0));
   m->addObject(S("c"));
   m->removeObjectAtIndex(0);
   EXPECT_THAT(texts(*cast<Array>(snapshot)), ::testing::ElementsAre("a", "b"));
 
-  {  // mutableCopy is a new MutableArray, independent of its source but shallow.
-    auto mc = cast<MutableArray>(a->mutableCopy());
-    ASSERT_TRUE(mc);
-    mc->addObject(S("z"));
-    EXPECT_EQ(a->count(), 1u);
-    EXPECT_EQ(mc->objectAtIndex(0), a->objectAtIndex(0));
-  }
+  // mutableCopy is a new MutableArray, independent of its source but shallow.
+  auto mc = cast<MutableArray>(a->mutableCopy());
+  ASSERT_TRUE(mc);
+  mc->addObject(S("z"));
+  EXPECT_EQ(a->count(), 1u);
+  EXPECT_EQ(mc->objectAtIndex(0), a->objectAtIndex(0));
 }
 
 }  // namespace

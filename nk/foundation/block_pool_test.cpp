@@ -66,40 +66,36 @@ TEST(BlockPool, HandsOutBlocksInAddressOrder) {
   if (!block_pool::pooling())
     GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
   onFreshThread([] {
-    {  // freed in any order, a page starts again from its first block
-      const auto first = allocateAll(20'000, 24);  // about eight pages
-      EXPECT_LT(jumps(first, 24), 10u);
-      auto shuffled = first;
-      std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
-      freeAll(shuffled, 24);
-      const auto again = allocateAll(first.size(), 17);  // same 8-byte class
-      EXPECT_LT(jumps(again, 24), 10u);
-      expectIntact(again, 17);
-      freeAll(again, 24);
-    }
-    {  // a block freed while others are out is the next one handed out
-      const auto blocks = allocateAll(3, 64);
-      block_pool::deallocate(blocks[1], 64);
-      EXPECT_EQ(block_pool::allocate(64), blocks[1]);
-      freeAll(blocks, 64);
-    }
-    {  // other classes do not take it
-      void* a = block_pool::allocate(64);
-      block_pool::deallocate(a, 64);
-      void* small = block_pool::allocate(24);
-      void* large = block_pool::allocate(72);
-      EXPECT_NE(small, a);
-      EXPECT_NE(large, a);
-      block_pool::deallocate(small, 24);
-      block_pool::deallocate(large, 72);
-    }
-    {  // blocks above the largest class are plain heap blocks, freed at once
-      const size_t cached = block_pool::cachedBytes();
-      void* big = block_pool::allocate(block_pool::kLargestBlock + 1);
-      std::memset(big, 0xAB, block_pool::kLargestBlock + 1);
-      block_pool::deallocate(big, block_pool::kLargestBlock + 1);
-      EXPECT_EQ(block_pool::cachedBytes(), cached);
-    }
+    // freed in any order, a page starts again from its first block
+    const auto first = allocateAll(20'000, 24);  // about eight pages
+    EXPECT_LT(jumps(first, 24), 10u);
+    auto shuffled = first;
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+    freeAll(shuffled, 24);
+    const auto again = allocateAll(first.size(), 17);  // same 8-byte class
+    EXPECT_LT(jumps(again, 24), 10u);
+    expectIntact(again, 17);
+    freeAll(again, 24);
+    // a block freed while others are out is the next one handed out
+    const auto blocks = allocateAll(3, 64);
+    block_pool::deallocate(blocks[1], 64);
+    EXPECT_EQ(block_pool::allocate(64), blocks[1]);
+    freeAll(blocks, 64);
+    // other classes do not take it
+    void* a = block_pool::allocate(64);
+    block_pool::deallocate(a, 64);
+    void* small = block_pool::allocate(24);
+    void* large = block_pool::allocate(72);
+    EXPECT_NE(small, a);
+    EXPECT_NE(large, a);
+    block_pool::deallocate(small, 24);
+    block_pool::deallocate(large, 72);
+    // blocks above the largest class are plain heap blocks, freed at once
+    const size_t cached = block_pool::cachedBytes();
+    void* big = block_pool::allocate(block_pool::kLargestBlock + 1);
+    std::memset(big, 0xAB, block_pool::kLargestBlock + 1);
+    block_pool::deallocate(big, block_pool::kLargestBlock + 1);
+    EXPECT_EQ(block_pool::cachedBytes(), cached);
   });
 }
 
@@ -107,26 +103,24 @@ TEST(BlockPool, KeepsABoundedCache) {
   if (!block_pool::pooling())
     GTEST_SKIP() << "blocks go straight to the heap under AddressSanitizer";
   onFreshThread([] {
-    {  // a burst of frees is kept only up to the bound, and trim gives it back
-      const auto blocks = allocateAll(140'000, 512);  // 70 MB
-      freeAll(blocks, 512);
-      EXPECT_GE(block_pool::cachedBytes(), size_t{32} << 20);
-      EXPECT_LE(block_pool::cachedBytes(), size_t{64} << 20);
-      block_pool::trim();
-      EXPECT_EQ(block_pool::cachedBytes(), 0u);
-      // The pages given back are used again.
-      const auto again = allocateAll(20'000, 512);
-      expectIntact(again, 512);
-      freeAll(again, 512);
-    }
-    {  // a little is kept through a trim
-      block_pool::trim();
-      block_pool::deallocate(block_pool::allocate(100), 100);
-      const size_t cached = block_pool::cachedBytes();
-      EXPECT_GT(cached, 0u);
-      block_pool::trim();
-      EXPECT_EQ(block_pool::cachedBytes(), cached);
-    }
+    // a burst of frees is kept only up to the bound, and trim gives it back
+    const auto blocks = allocateAll(140'000, 512);  // 70 MB
+    freeAll(blocks, 512);
+    EXPECT_GE(block_pool::cachedBytes(), size_t{32} << 20);
+    EXPECT_LE(block_pool::cachedBytes(), size_t{64} << 20);
+    block_pool::trim();
+    EXPECT_EQ(block_pool::cachedBytes(), 0u);
+    // The pages given back are used again.
+    const auto again = allocateAll(20'000, 512);
+    expectIntact(again, 512);
+    freeAll(again, 512);
+    // a little is kept through a trim
+    block_pool::trim();
+    block_pool::deallocate(block_pool::allocate(100), 100);
+    const size_t cached = block_pool::cachedBytes();
+    EXPECT_GT(cached, 0u);
+    block_pool::trim();
+    EXPECT_EQ(block_pool::cachedBytes(), cached);
   });
 }
 
@@ -290,14 +284,13 @@ TEST(BlockPool, ObjectsReturnTheSizeTheyTook) {
         EXPECT_EQ(String::withCharacters(units).get(), freed);
       }
     }
-    {  // numbers, arrays and dictionaries, mutable or not
-      const void* n = Number::withDouble(0.5).get();
-      EXPECT_EQ(Number::withLongLong(7).get(), n);
-      const void* a = MutableArray::make({NK_STR("x")}).get();
-      EXPECT_EQ(MutableArray::make().get(), a);
-      const void* d = Dictionary::make({{NK_STR("k"), NK_STR("v")}}).get();
-      EXPECT_EQ(Dictionary::make().get(), d);
-    }
+    // numbers, arrays and dictionaries, mutable or not
+    const void* n = Number::withDouble(0.5).get();
+    EXPECT_EQ(Number::withLongLong(7).get(), n);
+    const void* a = MutableArray::make({NK_STR("x")}).get();
+    EXPECT_EQ(MutableArray::make().get(), a);
+    const void* d = Dictionary::make({{NK_STR("k"), NK_STR("v")}}).get();
+    EXPECT_EQ(Dictionary::make().get(), d);
   });
 }
 

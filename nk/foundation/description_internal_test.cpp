@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/dictionary.hpp"
@@ -49,10 +50,7 @@ TEST(CollectionDescription, NestingIndentsLikeThePlatform) {
 }
 
 TEST(CollectionDescription, StringQuoting) {
-  struct Row {
-    const char* utf8;
-    const char* printed;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"plain", "plain"},
       {"x.y/z:$_9", "x.y/z:$_9"},
       {"", "\"\""},
@@ -65,10 +63,10 @@ TEST(CollectionDescription, StringQuoting) {
       {"\xF0\x9F\x98\x80", "\"\\Ud83d\\Ude00\""},
       {"bell\x01", "\"bell\\001\""},
   };
-  for (const Row& row : rows) {
+  for (const auto& [utf8, printed] : rows) {
     std::u16string out;
-    description_internal::appendQuotedString(out, S(row.utf8).get());
-    EXPECT_EQ(String::withCharacters(out)->utf8(), row.printed) << row.utf8;
+    description_internal::appendQuotedString(out, S(utf8).get());
+    EXPECT_EQ(String::withCharacters(out)->utf8(), printed) << utf8;
   }
   // Keys are quoted the same way.
   EXPECT_EQ(text(Dictionary::make({{S("a b"), S("")}})), "{\n    \"a b\" = \"\";\n}");

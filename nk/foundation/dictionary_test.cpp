@@ -84,32 +84,28 @@ TEST(Dictionary, KeysAreCopiedOnInsert) {
   EXPECT_EQ(d->objectForKey(S("alpha"))->description()->utf8(), "v");
   EXPECT_EQ(d->objectForKey(key), nullptr);
 
-  {  // An immutable key is its own copy: no new object.
-    auto k = S("beta");
-    d->setObjectForKey(S("w"), k);
-    EXPECT_EQ(d->allKeys()->objectAtIndex(1), k);
-  }
-  {  // A key whose class cannot copy is refused, and nothing changes.
-    const uint32_t before = d->mutationCount();
-    auto r = raised([&] { d->setObjectForKey(S("v"), make<DictionaryTestPlain>()); });
-    EXPECT_EQ(r.first, "NSInvalidArgumentException");
-    EXPECT_THAT(r.second, ::testing::HasSubstr("copyWithZone:"));
-    EXPECT_EQ(d->count(), 2u);
-    EXPECT_EQ(d->mutationCount(), before);
-  }
-  {  // Nil objects and keys raise with the platform's texts.
-    EXPECT_EQ(raised([&] { d->setObjectForKey(nullptr, S("k")); }),
-              std::make_pair(std::string("NSInvalidArgumentException"),
-                             std::string("*** -[MutableDictionary setObject:forKey:]: object "
-                                         "cannot be nil (key: k)")));
-    EXPECT_EQ(
-        raised([&] { d->setObjectForKey(S("v"), static_cast<const Object*>(nullptr)); }).second,
-        "*** -[MutableDictionary setObject:forKey:]: key cannot be nil");
-    EXPECT_EQ(raised([] {
-                (void)Dictionary::make({{S("k"), Id()}});
-              }).first,
-              "NSInvalidArgumentException");
-  }
+  // An immutable key is its own copy: no new object.
+  auto k = S("beta");
+  d->setObjectForKey(S("w"), k);
+  EXPECT_EQ(d->allKeys()->objectAtIndex(1), k);
+  // A key whose class cannot copy is refused, and nothing changes.
+  const uint32_t before = d->mutationCount();
+  auto r = raised([&] { d->setObjectForKey(S("v"), make<DictionaryTestPlain>()); });
+  EXPECT_EQ(r.first, "NSInvalidArgumentException");
+  EXPECT_THAT(r.second, ::testing::HasSubstr("copyWithZone:"));
+  EXPECT_EQ(d->count(), 2u);
+  EXPECT_EQ(d->mutationCount(), before);
+  // Nil objects and keys raise with the platform's texts.
+  EXPECT_EQ(raised([&] { d->setObjectForKey(nullptr, S("k")); }),
+            std::make_pair(std::string("NSInvalidArgumentException"),
+                           std::string("*** -[MutableDictionary setObject:forKey:]: object "
+                                       "cannot be nil (key: k)")));
+  EXPECT_EQ(raised([&] { d->setObjectForKey(S("v"), static_cast<const Object*>(nullptr)); }).second,
+            "*** -[MutableDictionary setObject:forKey:]: key cannot be nil");
+  EXPECT_EQ(raised([] {
+              (void)Dictionary::make({{S("k"), Id()}});
+            }).first,
+            "NSInvalidArgumentException");
 }
 
 TEST(Dictionary, InsertionOrderIsEnumerationOrder) {
@@ -143,11 +139,10 @@ TEST(Dictionary, InsertionOrderIsEnumerationOrder) {
     }
     EXPECT_EQ(i, d->count());
   }
-  {  // A later pair with an equal key replaces the value in the first pair's place.
-    auto d = Dictionary::make({{S("a"), S("1")}, {S("b"), S("2")}, {S("a"), S("3")}});
-    EXPECT_THAT(keyTexts(*d), ::testing::ElementsAre("a", "b"));
-    EXPECT_EQ(d->objectForKey(S("a"))->description()->utf8(), "3");
-  }
+  // A later pair with an equal key replaces the value in the first pair's place.
+  auto d = Dictionary::make({{S("a"), S("1")}, {S("b"), S("2")}, {S("a"), S("3")}});
+  EXPECT_THAT(keyTexts(*d), ::testing::ElementsAre("a", "b"));
+  EXPECT_EQ(d->objectForKey(S("a"))->description()->utf8(), "3");
 }
 
 TEST(Dictionary, CollidingHashesStillFindEveryKey) {
@@ -265,12 +260,11 @@ TEST(MutableDictionary, BulkChanges) {
   m->addEntriesFromDictionary(Dictionary::make({{S("b"), S("2")}, {S("a"), S("9")}}).get());
   EXPECT_THAT(keyTexts(*m), ::testing::ElementsAre("a", "b"));
   EXPECT_EQ(m->objectForKey(S("a"))->description()->utf8(), "9");
-  {  // Replacing the content with a dictionary held only as a value of this one.
-    m->setObjectForKey(Dictionary::make({{S("inner"), S("v")}}), S("nested"));
-    Dictionary* inner = cast<Dictionary>(m->objectForKey(S("nested")).get());
-    m->setDictionary(inner);
-    EXPECT_THAT(keyTexts(*m), ::testing::ElementsAre("inner"));
-  }
+  // Replacing the content with a dictionary held only as a value of this one.
+  m->setObjectForKey(Dictionary::make({{S("inner"), S("v")}}), S("nested"));
+  Dictionary* inner = cast<Dictionary>(m->objectForKey(S("nested")).get());
+  m->setDictionary(inner);
+  EXPECT_THAT(keyTexts(*m), ::testing::ElementsAre("inner"));
 }
 
 }  // namespace

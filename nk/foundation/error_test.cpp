@@ -6,6 +6,7 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "nk/foundation/class.hpp"
@@ -32,38 +33,36 @@ class ErrorTestWitness final : public Object {
 NK_DEFINE_CLASS(ErrorTestWitness, "ErrorTestWitness");
 
 TEST(Error, Texts) {
-  {  // Without a localized description: the platform's fallback, curly apostrophe.
-    auto e = Error::make(S("MyDomain"), -5);
-    EXPECT_EQ(e->localizedDescription()->utf8(),
-              "The operation couldn\u2019t be completed. (MyDomain error -5.)");
-    EXPECT_EQ(e->description()->utf8(),
-              "Error Domain=MyDomain Code=-5 \"The operation couldn\u2019t be completed. "
-              "(MyDomain error -5.)\"");
-    // Empty user information prints like none.
-    EXPECT_EQ(Error::make("MyDomain", -5, Dictionary::make())->description()->utf8(),
-              e->description()->utf8());
+  const std::string couldNot = "The operation couldn\u2019t be completed. ";
+  // Each error, its localized description and its description.
+  const std::tuple<Ref<Error>, std::string, std::string> rows[] = {
+      // Without a localized description: the platform's fallback, curly apostrophe;
+      // empty user information prints like none.
+      {Error::make(S("MyDomain"), -5), couldNot + "(MyDomain error -5.)",
+       "Error Domain=MyDomain Code=-5 \"" + couldNot + "(MyDomain error -5.)\""},
+      {Error::make("MyDomain", -5, Dictionary::make()), couldNot + "(MyDomain error -5.)",
+       "Error Domain=MyDomain Code=-5 \"" + couldNot + "(MyDomain error -5.)\""},
+      // With one: it is quoted, and the user information follows.
+      {Error::make(S("D"), 3, Dictionary::make({{kLocalizedDescriptionKey(), S("Disk full")}})),
+       "Disk full",
+       "Error Domain=D Code=3 \"Disk full\" UserInfo={\n    NSLocalizedDescription = \"Disk "
+       "full\";\n}"},
+      // A localized description that is not a string is ignored.
+      {Error::make(S("D"), 1, Dictionary::make({{kLocalizedDescriptionKey(), Number::withInt(7)}})),
+       couldNot + "(D error 1.)",
+       "Error Domain=D Code=1 \"" + couldNot +
+           "(D error 1.)\" UserInfo={\n"
+           "    NSLocalizedDescription = 7;\n}"},
+  };
+  for (const auto& [error, localized, description] : rows) {
+    EXPECT_EQ(error->localizedDescription()->utf8(), localized);
+    EXPECT_EQ(error->description()->utf8(), description);
   }
-  {  // With one: it is quoted, and the user information follows.
-    auto e =
-        Error::make(S("D"), 3, Dictionary::make({{kLocalizedDescriptionKey(), S("Disk full")}}));
-    EXPECT_EQ(e->localizedDescription()->utf8(), "Disk full");
-    EXPECT_EQ(e->description()->utf8(),
-              "Error Domain=D Code=3 \"Disk full\" UserInfo={\n"
-              "    NSLocalizedDescription = \"Disk full\";\n}");
-  }
-  {  // A localized description that is not a string is ignored.
-    auto e = Error::make(S("D"), 1,
-                         Dictionary::make({{kLocalizedDescriptionKey(), Number::withInt(7)}}));
-    EXPECT_EQ(e->localizedDescription()->utf8(),
-              "The operation couldn\u2019t be completed. (D error 1.)");
-  }
-  {  // The underlying error is found under its key, and only when it is an error.
-    auto inner = Error::make(S("Inner"), 2);
-    auto outer = Error::make(S("Outer"), 1, Dictionary::make({{kUnderlyingErrorKey(), inner}}));
-    EXPECT_EQ(outer->underlyingError(), inner);
-    EXPECT_EQ(inner->underlyingError(), nullptr);
-  }
-  EXPECT_EQ(kLocalizedDescriptionKey()->utf8(), "NSLocalizedDescription");
+  // The underlying error is found under its key, and only when it is an error.
+  auto inner = Error::make(S("Inner"), 2);
+  auto outer = Error::make(S("Outer"), 1, Dictionary::make({{kUnderlyingErrorKey(), inner}}));
+  EXPECT_EQ(outer->underlyingError(), inner);
+  EXPECT_EQ(inner->underlyingError(), nullptr);
   EXPECT_EQ(kUnderlyingErrorKey()->utf8(), "NSUnderlyingError");
   EXPECT_THROW((void)Error::make(Ref<String>(), 1), ThrownObject);
 }
@@ -71,11 +70,10 @@ TEST(Error, Texts) {
 TEST(Error, EqualityAndCopies) {
   auto info = MutableDictionary::make({{S("k"), S("v")}});
   auto e = Error::make(S("D"), 1, info);
-  {  // The user information is copied: later changes to the original do not show.
-    info->setObjectForKey(S("w"), S("k"));
-    EXPECT_EQ(e->userInfo()->objectForKey(S("k"))->description()->utf8(), "v");
-    EXPECT_FALSE(e->userInfo()->isKindOfClass(MutableDictionary::staticClass()));
-  }
+  // The user information is copied: later changes to the original do not show.
+  info->setObjectForKey(S("w"), S("k"));
+  EXPECT_EQ(e->userInfo()->objectForKey(S("k"))->description()->utf8(), "v");
+  EXPECT_FALSE(e->userInfo()->isKindOfClass(MutableDictionary::staticClass()));
   // Errors are immutable: copy is identity.
   EXPECT_EQ(e->copy(), e);
   // Equal domain, code and user information make equal errors with equal hashes.
@@ -114,31 +112,29 @@ TEST(Error, AssociatedObjects) {
     EXPECT_EQ(seenCode, 0);
   }
   EXPECT_EQ(seenCode, 42);
-  {  // Replacing a value releases the old one.
-    auto e = Error::make(S("D"), 7);
-    seenCode = 0;
-    e->setAssociatedObject(&kKeyA, make<ErrorTestWitness>(e.get(), &seenCode));
-    e->setAssociatedObject(&kKeyA, S("other"));
-    EXPECT_EQ(seenCode, 7);
+  // Replacing a value releases the old one.
+  auto replaced = Error::make(S("D"), 7);
+  seenCode = 0;
+  replaced->setAssociatedObject(&kKeyA, make<ErrorTestWitness>(replaced.get(), &seenCode));
+  replaced->setAssociatedObject(&kKeyA, S("other"));
+  EXPECT_EQ(seenCode, 7);
+  // Threads attaching and reading under distinct keys do not lose entries.
+  auto e = Error::make(S("D"), 1);
+  static char keys[8];
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        e->setAssociatedObject(&keys[t], Number::withInt(i));
+        (void)e->associatedObject(&keys[(t + 1) % 8]);
+      }
+    });
   }
-  {  // Threads attaching and reading under distinct keys do not lose entries.
-    auto e = Error::make(S("D"), 1);
-    static char keys[8];
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-      threads.emplace_back([&, t] {
-        for (int i = 0; i < 200; ++i) {
-          e->setAssociatedObject(&keys[t], Number::withInt(i));
-          (void)e->associatedObject(&keys[(t + 1) % 8]);
-        }
-      });
-    }
-    for (auto& th : threads) th.join();
-    for (int t = 0; t < 8; ++t) {
-      auto n = cast<Number>(e->associatedObject(&keys[t]));
-      ASSERT_TRUE(n);
-      EXPECT_EQ(n->intValue(), 199);
-    }
+  for (auto& th : threads) th.join();
+  for (int t = 0; t < 8; ++t) {
+    auto n = cast<Number>(e->associatedObject(&keys[t]));
+    ASSERT_TRUE(n);
+    EXPECT_EQ(n->intValue(), 199);
   }
 }
 

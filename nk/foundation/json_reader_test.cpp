@@ -47,29 +47,25 @@ TEST(JSONReader, ReadsEachKindOfValue) {
   ASSERT_TRUE(d);
   EXPECT_TRUE(d->isMemberOfClass(Dictionary::staticClass()));
   EXPECT_EQ(d->count(), 7u);
-  {  // strings decode escapes and come back as immutable strings
-    auto s = d->objectForKeyOfClass<String>(NK_STR("s"));
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->utf8(), "h\xC3\xA9llo");
-    EXPECT_FALSE(s->isKindOfClass(MutableString::staticClass()));
-  }
-  {  // integers are long long, fractions doubles
-    EXPECT_EQ(kind(d->objectForKey(NK_STR("i"))), "q -42");
-    EXPECT_EQ(kind(d->objectForKey(NK_STR("d"))), "d 2.5");
-  }
-  {  // true and false are the shared Booleans, null the shared Null
-    EXPECT_EQ(d->objectForKey(NK_STR("t")).get(), Number::yes());
-    EXPECT_EQ(d->objectForKey(NK_STR("f")).get(), Number::no());
-    EXPECT_EQ(d->objectForKey(NK_STR("n")).get(), Null::null());
-  }
-  {  // nested arrays keep their order
-    auto a = d->objectForKeyOfClass<Array>(NK_STR("a"));
-    ASSERT_TRUE(a);
-    EXPECT_TRUE(a->isMemberOfClass(Array::staticClass()));
-    ASSERT_EQ(a->count(), 2u);
-    EXPECT_TRUE(isEqual(a->objectAtIndex(0), Number::withInt(1)));
-    EXPECT_TRUE(isEqual(a->objectAtIndex(1), Id(NK_STR("x"))));
-  }
+  // strings decode escapes and come back as immutable strings
+  auto s = d->objectForKeyOfClass<String>(NK_STR("s"));
+  ASSERT_TRUE(s);
+  EXPECT_EQ(s->utf8(), "h\xC3\xA9llo");
+  EXPECT_FALSE(s->isKindOfClass(MutableString::staticClass()));
+  // integers are long long, fractions doubles
+  EXPECT_EQ(kind(d->objectForKey(NK_STR("i"))), "q -42");
+  EXPECT_EQ(kind(d->objectForKey(NK_STR("d"))), "d 2.5");
+  // true and false are the shared Booleans, null the shared Null
+  EXPECT_EQ(d->objectForKey(NK_STR("t")).get(), Number::yes());
+  EXPECT_EQ(d->objectForKey(NK_STR("f")).get(), Number::no());
+  EXPECT_EQ(d->objectForKey(NK_STR("n")).get(), Null::null());
+  // nested arrays keep their order
+  auto a = d->objectForKeyOfClass<Array>(NK_STR("a"));
+  ASSERT_TRUE(a);
+  EXPECT_TRUE(a->isMemberOfClass(Array::staticClass()));
+  ASSERT_EQ(a->count(), 2u);
+  EXPECT_TRUE(isEqual(a->objectAtIndex(0), Number::withInt(1)));
+  EXPECT_TRUE(isEqual(a->objectAtIndex(1), Id(NK_STR("x"))));
 }
 
 TEST(JSONReader, NumbersAtTheLimits) {
@@ -102,20 +98,17 @@ TEST(JSONReader, NumbersAtTheLimits) {
       {"[0." + std::string(5000, '0') + "1]", "d 0"},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(kind(first(text)), expected) << text;
-  {  // a negative zero deep inside a document
-    auto nested = cast<Dictionary>(read(R"({"a":[1,{"b":-0}]})"));
-    ASSERT_TRUE(nested);
-    auto inner = cast<Dictionary>(cast<Array>(nested->objectForKey(NK_STR("a")))->objectAtIndex(1));
-    EXPECT_EQ(kind(inner->objectForKey(NK_STR("b"))), "d -0");
-  }
-  {  // beyond the double range: an error naming the number's offset
-    EXPECT_EQ(failure("[1, 1e400]"), "Number out of range around character 4.");
-    EXPECT_EQ(failure("[-1" + std::string(400, '0') + "]"),
-              "Number out of range around character 1.");
-    EXPECT_EQ(failure("[" + std::string(5000, '7') + "]"),
-              "Number out of range around character 1.");
-    EXPECT_EQ(failure("[0.0000001e309]"), "(accepted)");
-  }
+  // a negative zero deep inside a document
+  auto nested = cast<Dictionary>(read(R"({"a":[1,{"b":-0}]})"));
+  ASSERT_TRUE(nested);
+  auto inner = cast<Dictionary>(cast<Array>(nested->objectForKey(NK_STR("a")))->objectAtIndex(1));
+  EXPECT_EQ(kind(inner->objectForKey(NK_STR("b"))), "d -0");
+  // beyond the double range: an error naming the number's offset
+  EXPECT_EQ(failure("[1, 1e400]"), "Number out of range around character 4.");
+  EXPECT_EQ(failure("[-1" + std::string(400, '0') + "]"),
+            "Number out of range around character 1.");
+  EXPECT_EQ(failure("[" + std::string(5000, '7') + "]"), "Number out of range around character 1.");
+  EXPECT_EQ(failure("[0.0000001e309]"), "(accepted)");
 }
 
 TEST(JSONReader, BothParsersBuildTheSameObjects) {
@@ -138,67 +131,56 @@ TEST(JSONReader, BothParsersBuildTheSameObjects) {
 
 TEST(JSONReader, Options) {
   const char* text = R"([{"a":"s"}])";
-  {  // 0: everything immutable
-    auto a = cast<Array>(read(text));
-    ASSERT_TRUE(a);
-    EXPECT_FALSE(a->isKindOfClass(MutableArray::staticClass()));
-    EXPECT_FALSE(a->objectAtIndex(0)->isKindOfClass(MutableDictionary::staticClass()));
-  }
-  {  // 1: mutable containers, immutable strings; the containers work as such
-    auto a = cast<MutableArray>(read(text, kJSONReadingMutableContainers));
-    ASSERT_TRUE(a);
-    auto d = cast<MutableDictionary>(a->objectAtIndex(0));
-    ASSERT_TRUE(d);
-    EXPECT_FALSE(d->objectForKey(NK_STR("a"))->isKindOfClass(MutableString::staticClass()));
-    d->setObjectForKey(Number::withInt(1), NK_STR("b"));
-    d->setObjectForKey(Number::withInt(2), NK_STR("a"));
-    EXPECT_EQ(d->count(), 2u);
-    EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("a")), Number::withInt(2)));
-    a->addObject(Null::null());
-    EXPECT_EQ(a->count(), 2u);
-  }
-  {  // 2: mutable strings inside immutable containers
-    auto a = cast<Array>(read(text, kJSONReadingMutableLeaves));
-    ASSERT_TRUE(a);
-    EXPECT_FALSE(a->isKindOfClass(MutableArray::staticClass()));
-    auto d = cast<Dictionary>(a->objectAtIndex(0));
-    EXPECT_TRUE(d->objectForKey(NK_STR("a"))->isKindOfClass(MutableString::staticClass()));
-    EXPECT_FALSE(d->allKeys()->objectAtIndex(0)->isKindOfClass(MutableString::staticClass()));
-  }
-  {  // 4: fragments at the top level, refused without it
-    EXPECT_EQ(failure("12"),
-              "JSON text did not start with array or object and option to allow fragments not "
-              "set. around character 0.");
-    auto n = cast<Number>(read(" 12 ", kJSONReadingFragmentsAllowed));
-    ASSERT_TRUE(n);
-    EXPECT_EQ(n->intValue(), 12);
-    auto s = cast<String>(read("\"x\"", kJSONReadingFragmentsAllowed | kJSONReadingMutableLeaves));
-    ASSERT_TRUE(s);
-    EXPECT_TRUE(s->isKindOfClass(MutableString::staticClass()));
-    EXPECT_EQ(read("null", kJSONReadingFragmentsAllowed).get(), Null::null());
-  }
+  // 0 (everything immutable) is checked by ReadsEachKindOfValue.
+  // 1: mutable containers, immutable strings; the containers work as such
+  auto containers = cast<MutableArray>(read(text, kJSONReadingMutableContainers));
+  ASSERT_TRUE(containers);
+  auto inner = cast<MutableDictionary>(containers->objectAtIndex(0));
+  ASSERT_TRUE(inner);
+  EXPECT_FALSE(inner->objectForKey(NK_STR("a"))->isKindOfClass(MutableString::staticClass()));
+  inner->setObjectForKey(Number::withInt(1), NK_STR("b"));
+  inner->setObjectForKey(Number::withInt(2), NK_STR("a"));
+  EXPECT_EQ(inner->count(), 2u);
+  EXPECT_TRUE(isEqual(inner->objectForKey(NK_STR("a")), Number::withInt(2)));
+  containers->addObject(Null::null());
+  EXPECT_EQ(containers->count(), 2u);
+  // 2: mutable strings inside immutable containers
+  auto a = cast<Array>(read(text, kJSONReadingMutableLeaves));
+  ASSERT_TRUE(a);
+  EXPECT_FALSE(a->isKindOfClass(MutableArray::staticClass()));
+  auto d = cast<Dictionary>(a->objectAtIndex(0));
+  EXPECT_TRUE(d->objectForKey(NK_STR("a"))->isKindOfClass(MutableString::staticClass()));
+  EXPECT_FALSE(d->allKeys()->objectAtIndex(0)->isKindOfClass(MutableString::staticClass()));
+  // 4: fragments at the top level, refused without it
+  EXPECT_EQ(failure("12"),
+            "JSON text did not start with array or object and option to allow fragments not "
+            "set. around character 0.");
+  auto n = cast<Number>(read(" 12 ", kJSONReadingFragmentsAllowed));
+  ASSERT_TRUE(n);
+  EXPECT_EQ(n->intValue(), 12);
+  auto s = cast<String>(read("\"x\"", kJSONReadingFragmentsAllowed | kJSONReadingMutableLeaves));
+  ASSERT_TRUE(s);
+  EXPECT_TRUE(s->isKindOfClass(MutableString::staticClass()));
+  EXPECT_EQ(read("null", kJSONReadingFragmentsAllowed).get(), Null::null());
 }
 
 TEST(JSONReader, DuplicateKeysKeepTheFirstPlaceAndTheLastValue) {
-  {  // a small dictionary
-    auto d = cast<Dictionary>(read(R"({"a":1,"b":2,"a":3})"));
-    ASSERT_TRUE(d);
-    EXPECT_EQ(d->count(), 2u);
-    EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("a")), Number::withInt(3)));
-    EXPECT_TRUE(isEqual(d->allKeys(), Array::make({NK_STR("a"), NK_STR("b")})));
-  }
-  {  // one large enough to be indexed
-    std::string text = "{";
-    for (int i = 0; i < 40; ++i)
-      text += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
-    text += R"("k7":"last"})";
-    auto d = cast<Dictionary>(read(text));
-    ASSERT_TRUE(d);
-    EXPECT_EQ(d->count(), 40u);
-    EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("k7")), Id(NK_STR("last"))));
-    EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("k39")), Number::withInt(39)));
-    EXPECT_TRUE(isEqual(d->allKeys()->objectAtIndex(7), Id(NK_STR("k7"))));
-  }
+  // a small dictionary
+  auto small = cast<Dictionary>(read(R"({"a":1,"b":2,"a":3})"));
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->count(), 2u);
+  EXPECT_TRUE(isEqual(small->objectForKey(NK_STR("a")), Number::withInt(3)));
+  EXPECT_TRUE(isEqual(small->allKeys(), Array::make({NK_STR("a"), NK_STR("b")})));
+  // one large enough to be indexed
+  std::string text = "{";
+  for (int i = 0; i < 40; ++i) text += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+  text += R"("k7":"last"})";
+  auto d = cast<Dictionary>(read(text));
+  ASSERT_TRUE(d);
+  EXPECT_EQ(d->count(), 40u);
+  EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("k7")), Id(NK_STR("last"))));
+  EXPECT_TRUE(isEqual(d->objectForKey(NK_STR("k39")), Number::withInt(39)));
+  EXPECT_TRUE(isEqual(d->allKeys()->objectAtIndex(7), Id(NK_STR("k7"))));
 }
 
 TEST(JSONReader, ErrorsNameTheOffset) {
@@ -241,20 +223,17 @@ TEST(JSONReader, NestingLimit) {
     text.append(depth, close);
     return text;
   };
-  {  // exactly the limit reads, in arrays and in dictionaries
-    auto a = read(nested(kJSONMaxDepth, '[', ']'));
-    ASSERT_TRUE(a);
-    EXPECT_TRUE(read(nested(kJSONMaxDepth, '{', '}')));
-  }
-  {  // one more is an error at the opening bracket that goes too deep
-    EXPECT_EQ(failure(nested(kJSONMaxDepth + 1, '[', ']')),
-              "Too many nested arrays or dictionaries around character 512.");
-    EXPECT_NE(failure(nested(kJSONMaxDepth + 1, '{', '}')).find("Too many nested"),
-              std::string::npos);
-  }
-  {  // far deeper, unterminated too: an error, not a stack overflow
-    EXPECT_NE(failure(std::string(1000000, '[')).find("Too many nested"), std::string::npos);
-  }
+  // exactly the limit reads, in arrays and in dictionaries
+  auto a = read(nested(kJSONMaxDepth, '[', ']'));
+  ASSERT_TRUE(a);
+  EXPECT_TRUE(read(nested(kJSONMaxDepth, '{', '}')));
+  // one more is an error at the opening bracket that goes too deep
+  EXPECT_EQ(failure(nested(kJSONMaxDepth + 1, '[', ']')),
+            "Too many nested arrays or dictionaries around character 512.");
+  EXPECT_NE(failure(nested(kJSONMaxDepth + 1, '{', '}')).find("Too many nested"),
+            std::string::npos);
+  // far deeper, unterminated too: an error, not a stack overflow
+  EXPECT_NE(failure(std::string(1000000, '[')).find("Too many nested"), std::string::npos);
 }
 
 std::string encode(std::u32string_view text, bool wide, bool big, bool mark) {
@@ -288,22 +267,19 @@ TEST(JSONReader, DetectsUTF16AndUTF32) {
       }
     }
   }
-  {  // a UTF-8 byte-order mark is skipped
-    EXPECT_TRUE(isEqual(read("\xEF\xBB\xBF[1]"), Array::make({Number::withInt(1)})));
-  }
-  {  // a two-byte fragment in UTF-16
-    auto n = cast<Number>(read(encode(U"7", false, true, false), kJSONReadingFragmentsAllowed));
-    ASSERT_TRUE(n);
-    EXPECT_EQ(n->intValue(), 7);
-  }
-  {  // an unpaired surrogate in UTF-16 input, and a truncated unit
-    std::string bad = encode(U"[\"a\"]", false, false, false);
-    bad[4] = '\x00';
-    bad[5] = '\xD8';
-    EXPECT_EQ(failure(bad), "Invalid text encoding around character 4.");
-    EXPECT_EQ(failure(encode(U"[1]", false, false, false) + "x"),
-              "Invalid text encoding around character 6.");
-  }
+  // a UTF-8 byte-order mark is skipped
+  EXPECT_TRUE(isEqual(read("\xEF\xBB\xBF[1]"), Array::make({Number::withInt(1)})));
+  // a two-byte fragment in UTF-16
+  auto n = cast<Number>(read(encode(U"7", false, true, false), kJSONReadingFragmentsAllowed));
+  ASSERT_TRUE(n);
+  EXPECT_EQ(n->intValue(), 7);
+  // an unpaired surrogate in UTF-16 input, and a truncated unit
+  std::string bad = encode(U"[\"a\"]", false, false, false);
+  bad[4] = '\x00';
+  bad[5] = '\xD8';
+  EXPECT_EQ(failure(bad), "Invalid text encoding around character 4.");
+  EXPECT_EQ(failure(encode(U"[1]", false, false, false) + "x"),
+            "Invalid text encoding around character 6.");
 }
 
 TEST(JSONReader, KeysAreSharedAcrossDictionaries) {
@@ -339,23 +315,21 @@ TEST(JSONReader, LargeDocumentsShareLeavesWithoutChangingThem) {
     Id alone = read(records[i]);
     ASSERT_TRUE(isEqual(a->objectAtIndex(i), alone)) << records[i];
   }
-  {  // equal short strings are one object when immutable
-    auto s0 = cast<Dictionary>(a->objectAtIndex(0))->objectForKey(NK_STR("s"));
-    auto s700 = cast<Dictionary>(a->objectAtIndex(700))->objectForKey(NK_STR("s"));
-    EXPECT_EQ(s0.get(), s700.get());
-  }
-  {  // and distinct, changeable objects when strings are mutable
-    auto m = cast<Array>(read(all, kJSONReadingMutableLeaves));
-    ASSERT_TRUE(m);
-    auto s0 = cast<MutableString>(cast<Dictionary>(m->objectAtIndex(0))->objectForKey(NK_STR("s")));
-    auto s700 =
-        cast<MutableString>(cast<Dictionary>(m->objectAtIndex(700))->objectForKey(NK_STR("s")));
-    ASSERT_TRUE(s0);
-    ASSERT_TRUE(s700);
-    EXPECT_NE(s0.get(), s700.get());
-    s0->appendUTF8("x");
-    EXPECT_EQ(s700->utf8(), "v0");
-  }
+  // equal short strings are one object when immutable
+  auto sOf = [](const Array& list, size_t i) {
+    return cast<Dictionary>(list.objectAtIndex(i))->objectForKey(NK_STR("s"));
+  };
+  EXPECT_EQ(sOf(*a, 0).get(), sOf(*a, 700).get());
+  // and distinct, changeable objects when strings are mutable
+  auto m = cast<Array>(read(all, kJSONReadingMutableLeaves));
+  ASSERT_TRUE(m);
+  auto s0 = cast<MutableString>(sOf(*m, 0));
+  auto s700 = cast<MutableString>(sOf(*m, 700));
+  ASSERT_TRUE(s0);
+  ASSERT_TRUE(s700);
+  EXPECT_NE(s0.get(), s700.get());
+  s0->appendUTF8("x");
+  EXPECT_EQ(s700->utf8(), "v0");
 }
 
 }  // namespace

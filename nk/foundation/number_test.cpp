@@ -6,6 +6,8 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "nk/foundation/class.hpp"
@@ -18,11 +20,7 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
 TEST(Number, KeepsTheTypeCodeItWasMadeFrom) {
-  struct Row {
-    Ref<Number> number;
-    char code;
-  };
-  const Row rows[] = {
+  const std::pair<Ref<Number>, char> rows[] = {
       {Number::withChar('a'), 'c'},
       {Number::withUnsignedChar(200), 'C'},
       {Number::withShort(-3), 's'},
@@ -39,9 +37,9 @@ TEST(Number, KeepsTheTypeCodeItWasMadeFrom) {
       {Number::withInteger(4), 'q'},
       {Number::withUnsignedInteger(4), 'Q'},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.number->objCType(), row.code) << row.code;
-    EXPECT_EQ(row.number->isFloatingPoint(), row.code == 'f' || row.code == 'd') << row.code;
+  for (const auto& [number, code] : rows) {
+    EXPECT_EQ(number->objCType(), code) << code;
+    EXPECT_EQ(number->isFloatingPoint(), code == 'f' || code == 'd') << code;
   }
   // Values survive the trip through the 64-bit storage of their kind.
   EXPECT_EQ(Number::withUnsignedChar(200)->intValue(), 200);
@@ -52,13 +50,8 @@ TEST(Number, KeepsTheTypeCodeItWasMadeFrom) {
 }
 
 TEST(Number, EqualityAcrossTypesAgreesWithHash) {
-  struct Row {
-    Ref<Number> a, b;
-    bool equal;
-    const char* what;
-  };
   const double two63 = 9223372036854775808.0;
-  const Row rows[] = {
+  const std::tuple<Ref<Number>, Ref<Number>, bool, const char*> rows[] = {
       {Number::withInt(1), Number::withDouble(1.0), true, "int 1 == double 1.0"},
       {Number::withInt(1), Number::withBool(true), true, "int 1 == YES"},
       {Number::withChar(1), Number::withDouble(1.0), true, "char 1 == double 1.0"},
@@ -87,11 +80,11 @@ TEST(Number, EqualityAcrossTypesAgreesWithHash) {
       {Number::withFloat(0.5f), Number::withDouble(0.5), true, "0.5f == 0.5"},
       {Number::withBool(true), Number::withBool(false), false, "YES != NO"},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.a->isEqual(row.b.get()), row.equal) << row.what;
-    EXPECT_EQ(row.b->isEqual(row.a.get()), row.equal) << row.what << " (reversed)";
-    if (row.equal) {
-      EXPECT_EQ(row.a->hash(), row.b->hash()) << row.what;
+  for (const auto& [a, b, equal, what] : rows) {
+    EXPECT_EQ(a->isEqual(b.get()), equal) << what;
+    EXPECT_EQ(b->isEqual(a.get()), equal) << what << " (reversed)";
+    if (equal) {
+      EXPECT_EQ(a->hash(), b->hash()) << what;
     }
   }
   // Numbers are never equal to nil or to other kinds of objects.
@@ -154,11 +147,7 @@ TEST(Number, ConvertsAsCDoes) {
 }
 
 TEST(Number, Descriptions) {
-  struct Row {
-    Ref<Number> number;
-    const char* text;
-  };
-  const Row rows[] = {
+  const std::pair<Ref<Number>, const char*> rows[] = {
       {Number::withInt(-42), "-42"},
       {Number::withChar('a'), "97"},
       {Number::withUnsignedLongLong(UINT64_MAX), "18446744073709551615"},
@@ -191,9 +180,7 @@ TEST(Number, Descriptions) {
       {Number::withFloat(16777216.0f), "16777216"},
       {Number::withFloat(3.4028235e38f), "3.4028235e+38"},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.number->description()->utf8(), row.text) << row.text;
-  }
+  for (const auto& [number, text] : rows) EXPECT_EQ(number->description()->utf8(), text) << text;
   // Every double prints in a form that reads back to the same value.
   for (double d : {0.1, 2.0 / 3, 123456.789, 1e-5, 6.02214076e23, 4.9e-324, -1e21}) {
     const std::string text = Number::withDouble(d)->description()->utf8();

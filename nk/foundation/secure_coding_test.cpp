@@ -129,28 +129,24 @@ const Class* const kTokenOnly[] = {&ArchiveToken::staticClass()};
 
 TEST(SecureCoding, HostClassRoundTrips) {
   // every coder value comes back, nested host objects included
-  {
-    auto token = cast<ArchiveToken>(archiveAndDecode(sampleToken().get(), kTokenOnly));
-    ASSERT_TRUE(token);
-    EXPECT_EQ(token->name->utf8(), "access");
-    EXPECT_EQ(token->count, -42);
-    EXPECT_EQ(token->ratio, 0.25);
-    EXPECT_TRUE(token->flag);
-    EXPECT_EQ(token->bytes, (std::vector<uint8_t>{0, 0xff, 0}));
-    ASSERT_TRUE(token->child);
-    EXPECT_EQ(token->child->name->utf8(), "refresh");
-    EXPECT_TRUE(isEqual(token->scopes, Array::make({String::fromUTF8("read")})));
-  }
+  auto full = cast<ArchiveToken>(archiveAndDecode(sampleToken().get(), kTokenOnly));
+  ASSERT_TRUE(full);
+  EXPECT_EQ(full->name->utf8(), "access");
+  EXPECT_EQ(full->count, -42);
+  EXPECT_EQ(full->ratio, 0.25);
+  EXPECT_TRUE(full->flag);
+  EXPECT_EQ(full->bytes, (std::vector<uint8_t>{0, 0xff, 0}));
+  ASSERT_TRUE(full->child);
+  EXPECT_EQ(full->child->name->utf8(), "refresh");
+  EXPECT_TRUE(isEqual(full->scopes, Array::make({String::fromUTF8("read")})));
   // absent and nil values decode as nil, 0, false and empty
-  {
-    auto token = cast<ArchiveToken>(archiveAndDecode(make<ArchiveToken>().get(), kTokenOnly));
-    ASSERT_TRUE(token);
-    EXPECT_FALSE(token->name);
-    EXPECT_EQ(token->count, 0);
-    EXPECT_FALSE(token->flag);
-    EXPECT_TRUE(token->bytes.empty());
-    EXPECT_FALSE(token->child);
-  }
+  auto empty = cast<ArchiveToken>(archiveAndDecode(make<ArchiveToken>().get(), kTokenOnly));
+  ASSERT_TRUE(empty);
+  EXPECT_FALSE(empty->name);
+  EXPECT_EQ(empty->count, 0);
+  EXPECT_FALSE(empty->flag);
+  EXPECT_TRUE(empty->bytes.empty());
+  EXPECT_FALSE(empty->child);
 }
 
 TEST(SecureCoding, ArchiveNamesTheHostClass) {
@@ -171,26 +167,22 @@ TEST(SecureCoding, ArchiveNamesTheHostClass) {
 
 TEST(SecureCoding, ClassMethodsLiveInTheRuntimeTables) {
   // registered on the metaclass and found through it
-  {
-    EXPECT_TRUE(classSupportsSecureCoding(ArchiveToken::staticClass()));
-    EXPECT_TRUE(invokeClassMethod<bool>(ArchiveToken::staticClass(), kSupportsSecureCodingMethod));
-    EXPECT_FALSE(classSupportsSecureCoding(PlainCoded::staticClass()));
-    EXPECT_FALSE(classSupportsSecureCoding(Dictionary::staticClass()));
-  }
+  EXPECT_TRUE(classSupportsSecureCoding(ArchiveToken::staticClass()));
+  EXPECT_TRUE(invokeClassMethod<bool>(ArchiveToken::staticClass(), kSupportsSecureCodingMethod));
+  EXPECT_FALSE(classSupportsSecureCoding(PlainCoded::staticClass()));
+  EXPECT_FALSE(classSupportsSecureCoding(Dictionary::staticClass()));
   // a host that replaces supportsSecureCoding turns decoding off for the class
-  {
-    Ref<Data> data = KeyedArchiver::archivedDataWithRootObject(make<Refusing>().get(), true);
-    auto answerNo = +[](const Class&) { return false; };
-    Class* cls = Class::named("ArchiveTestRefusing");
-    Imp previous = cls->metaclass().replaceMethod(kSupportsSecureCodingMethod,
-                                                  reinterpret_cast<Imp>(answerNo), "B16@0:8");
-    const Class* const allowed[] = {cls};
-    Ref<Error> error;
-    EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(allowed, data.get(), &error));
-    EXPECT_NE(error->description()->utf8().find("secure coding"), std::string::npos);
-    EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(make<Refusing>().get(), true));
-    cls->metaclass().replaceMethod(kSupportsSecureCodingMethod, previous, "B16@0:8");
-  }
+  Ref<Data> data = KeyedArchiver::archivedDataWithRootObject(make<Refusing>().get(), true);
+  auto answerNo = +[](const Class&) { return false; };
+  Class* cls = Class::named("ArchiveTestRefusing");
+  Imp previous = cls->metaclass().replaceMethod(kSupportsSecureCodingMethod,
+                                                reinterpret_cast<Imp>(answerNo), "B16@0:8");
+  const Class* const allowed[] = {cls};
+  Ref<Error> error;
+  EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(allowed, data.get(), &error));
+  EXPECT_NE(error->description()->utf8().find("secure coding"), std::string::npos);
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(make<Refusing>().get(), true));
+  cls->metaclass().replaceMethod(kSupportsSecureCodingMethod, previous, "B16@0:8");
 }
 
 TEST(SecureCoding, ArchivingRequiresSecureCodingWhenAsked) {
@@ -209,28 +201,23 @@ TEST(SecureCoding, ArchivingRequiresSecureCodingWhenAsked) {
 TEST(SecureCoding, AllowListAppliesToHostClasses) {
   Ref<Data> data = KeyedArchiver::archivedDataWithRootObject(sampleToken().get(), true);
   // outside the list: nil
-  {
-    const Class* const values[] = {&Dictionary::staticClass(), &String::staticClass()};
-    Ref<Error> error;
-    EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(values, data.get(), &error));
-    EXPECT_NE(error->description()->utf8().find("VNKArchiveTestToken"), std::string::npos);
-  }
+  const Class* const values[] = {&Dictionary::staticClass(), &String::staticClass()};
+  Ref<Error> error;
+  EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(values, data.get(), &error));
+  EXPECT_NE(error->description()->utf8().find("VNKArchiveTestToken"), std::string::npos);
   // a nested decode uses its own classes: Array is allowed only where "$scopes" is read
-  {
-    auto dict = Dictionary::make({{String::fromUTF8("k"), sampleToken()}});
-    const Class* const allowed[] = {&Dictionary::staticClass(), &String::staticClass(),
+  auto dict = Dictionary::make({{String::fromUTF8("k"), sampleToken()}});
+  const Class* const withToken[] = {&Dictionary::staticClass(), &String::staticClass(),
                                     &ArchiveToken::staticClass()};
-    EXPECT_TRUE(archiveAndDecode(dict.get(), allowed));
-  }
+  EXPECT_TRUE(archiveAndDecode(dict.get(), withToken));
   // a host class that fails its own decode fails the whole archive
-  {
-    Ref<Data> refusing =
-        KeyedArchiver::archivedDataWithRootObject(Array::make({make<Refusing>()}).get(), true);
-    const Class* const allowed[] = {&Array::staticClass(), &Refusing::staticClass()};
-    Ref<Error> error;
-    EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(allowed, refusing.get(), &error));
-    EXPECT_EQ(error->code(), kCoderReadCorruptError);
-  }
+  Ref<Data> refusing =
+      KeyedArchiver::archivedDataWithRootObject(Array::make({make<Refusing>()}).get(), true);
+  const Class* const withRefusing[] = {&Array::staticClass(), &Refusing::staticClass()};
+  error = nullptr;
+  EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClasses(withRefusing, refusing.get(), &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), kCoderReadCorruptError);
 }
 
 TEST(SecureCoding, ClassNameTranslations) {
@@ -275,21 +262,17 @@ TEST(SecureCoding, TranslationsAreThreadSafe) {
 
 TEST(SecureCoding, KeysOfAnyBytes) {
   // a NUL inside a key is part of it: "a\0b" and "a" are different keys
-  {
-    KeyProbe::key() = std::string("a\0b", 3);
-    auto probe = cast<KeyProbe>(archiveAndDecode(make<KeyProbe>().get(), kProbeOnly));
-    ASSERT_TRUE(probe);
-    EXPECT_EQ(probe->value, 7);
-    EXPECT_EQ(probe->prefixValue, 0);
-  }
+  KeyProbe::key() = std::string("a\0b", 3);
+  auto probe = cast<KeyProbe>(archiveAndDecode(make<KeyProbe>().get(), kProbeOnly));
+  ASSERT_TRUE(probe);
+  EXPECT_EQ(probe->value, 7);
+  EXPECT_EQ(probe->prefixValue, 0);
   // a key that is not UTF-8 fails the archive cleanly
-  {
-    KeyProbe::key() = "\xff\xfe";
-    Ref<Error> error;
-    EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(make<KeyProbe>().get(), true, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), kCoderInvalidValueError);
-  }
+  KeyProbe::key() = "\xff\xfe";
+  Ref<Error> error;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(make<KeyProbe>().get(), true, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), kCoderInvalidValueError);
 }
 
 }  // namespace

@@ -55,27 +55,21 @@ TEST(MutableSet, ChangesAndAlgebra) {
 
   auto ab = Set::make({S("a"), S("b")});
   auto bc = Set::make({S("b"), S("c")});
-  {
-    auto u = MutableSet::withSet(ab.get());
-    u->unionSet(bc.get());
-    EXPECT_THAT(texts(*u), ::testing::ElementsAre("a", "b", "c"));
-    u->minusSet(ab.get());
-    EXPECT_THAT(texts(*u), ::testing::ElementsAre("c"));
-  }
-  {
-    auto i = MutableSet::withSet(ab.get());
-    i->intersectSet(bc.get());
-    EXPECT_THAT(texts(*i), ::testing::ElementsAre("b"));
-    i->intersectSet(nullptr);
-    EXPECT_TRUE(i->isEmpty());
-  }
-  {
-    auto x = MutableSet::withSet(ab.get());
-    x->minusSet(x.get());
-    EXPECT_TRUE(x->isEmpty());
-    x->setSet(bc.get());
-    EXPECT_TRUE(x->isEqual(bc.get()));
-  }
+  auto u = MutableSet::withSet(ab.get());
+  u->unionSet(bc.get());
+  EXPECT_THAT(texts(*u), ::testing::ElementsAre("a", "b", "c"));
+  u->minusSet(ab.get());
+  EXPECT_THAT(texts(*u), ::testing::ElementsAre("c"));
+  auto i = MutableSet::withSet(ab.get());
+  i->intersectSet(bc.get());
+  EXPECT_THAT(texts(*i), ::testing::ElementsAre("b"));
+  i->intersectSet(nullptr);
+  EXPECT_TRUE(i->isEmpty());
+  auto x = MutableSet::withSet(ab.get());
+  x->minusSet(x.get());
+  EXPECT_TRUE(x->isEmpty());
+  x->setSet(bc.get());
+  EXPECT_TRUE(x->isEqual(bc.get()));
   EXPECT_TRUE(Set::make({S("b")})->isSubsetOfSet(ab.get()));
   EXPECT_FALSE(bc->isSubsetOfSet(ab.get()));
   EXPECT_TRUE(ab->intersectsSet(bc.get()));
