@@ -46,13 +46,16 @@ class Object {
   // The class of this object (its most derived declared class).
   virtual const Class& objectClass() const noexcept;
 
-  void retain() const noexcept {
+  void retain() const noexcept { retain(1); }
+  void release() const noexcept { release(1); }
+  // `n` retains or releases in one step, for callers that know how many they need.
+  void retain(uint32_t n) const noexcept {
     if (refs_.load(std::memory_order_relaxed) & kImmortal) return;
-    refs_.fetch_add(1, std::memory_order_relaxed);
+    refs_.fetch_add(n, std::memory_order_relaxed);
   }
-  void release() const noexcept {
+  void release(uint32_t n) const noexcept {
     if (refs_.load(std::memory_order_relaxed) & kImmortal) return;
-    if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (refs_.fetch_sub(n, std::memory_order_acq_rel) == n) delete this;
   }
   // For tests and diagnostics only: another thread may change it at once.
   uint32_t retainCount() const noexcept {

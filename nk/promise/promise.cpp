@@ -55,6 +55,15 @@ size_t PRMHandlerList::size() const noexcept {
   return n;
 }
 
+uint32_t PRMHandlerList::keepers() const noexcept {
+  // Only the first few: a long list would cost a second walk.
+  constexpr int kLooked = 4;
+  uint32_t n = 0;
+  const Waiter* w = first_;
+  for (int i = 0; w && i < kLooked; ++i, w = w->next) n += w->ops->keepsValue ? 1 : 0;
+  return n;
+}
+
 void PRMHandlerList::runAll(const Id& value) {
   Settlement settlement(value);
   runAll(settlement);
@@ -124,11 +133,14 @@ Id PRMPromise::tryRegister(Waiter* waiter) const {
 
 namespace {
 
-Id sanitized(const Id& value, bool error) {
-  if (!value) return Id(PRMNull());
+// What the slot holds for `value`, not yet counted.
+Object* slotContent(const Id& value, bool error) {
+  if (!value) return PRMNull();
   if (error) PRMError::unconsume(static_cast<const Error*>(value.get()));
-  return value;
+  return value.get();
 }
+
+Id sanitized(const Id& value, bool error) { return Id(slotContent(value, error)); }
 
 }  // namespace
 
@@ -141,12 +153,16 @@ Id PRMGetResult(const PRMPromise* promise) {
 }
 
 PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Id stored) {
+  return exchangeContent(promise, stored.leak());
+}
+
+PRMHandlerList PRMPromise::exchangeContent(PRMPromise* promise, Object* content) {
   // An overwrite keeps the old content in a FormerContent, made beforehand when it can
   // be foreseen.
   std::unique_ptr<FormerContent> former;
   if (promise->settledNow()) former = std::make_unique<FormerContent>();
-  const uintptr_t old = promise->state_.exchange(
-      reinterpret_cast<uintptr_t>(stored.leak()) | kSettled, std::memory_order_seq_cst);
+  const uintptr_t old = promise->state_.exchange(reinterpret_cast<uintptr_t>(content) | kSettled,
+                                                 std::memory_order_seq_cst);
   if (old & kSettled) {
     if (!former) former = std::make_unique<FormerContent>();  // settled meanwhile
     former->content = Id::adopt(contentOf(old));
@@ -168,7 +184,15 @@ PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
 
 void PRMPromise::settle(PRMPromise* promise, const Id& value) {
   Settlement settlement(value);
-  exchangeResult(promise, sanitized(value, settlement.error)).runAll(settlement);
+  // The slot's reference and those the entries will keep are taken in one step, once
+  // the exchange has handed the entries to this thread. Until then the caller's own
+  // reference keeps the value alive.
+  Object* content = slotContent(value, settlement.error);
+  PRMHandlerList entries = exchangeContent(promise, content);
+  const uint32_t keepers = value ? entries.keepers() : 0;
+  content->retain(keepers + 1);
+  settlement.addSpares(keepers);
+  entries.runAll(settlement);
 }
 
 void PRMResolve(PRMPromise* promise, const Id& value) {

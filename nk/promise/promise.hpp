@@ -52,7 +52,20 @@ class Settlement {
   explicit Settlement(const Id& v) noexcept : value(v), error(isError(v)) {}
   Settlement(const Settlement&) = delete;
   Settlement& operator=(const Settlement&) = delete;
-  ~Settlement() { clear(); }
+  ~Settlement() {
+    clear();
+    if (spare_ != 0) value->release(spare_);
+  }
+
+  // A reference to `value` for an entry that keeps it (Ops::keepsValue): one the
+  // settler took beforehand, together with the slot's own, while any are left.
+  Id takeValue() noexcept {
+    if (spare_ == 0) return value;
+    --spare_;
+    return Id::adopt(value.get());
+  }
+  // The settler took `n` such references.
+  void addSpares(uint32_t n) noexcept { spare_ += n; }
 
   template <class F>
   void submit(const Queue& queue, F&& task) {
@@ -81,6 +94,7 @@ class Settlement {
 
   Queue queue_;
   size_t count_ = 0;
+  uint32_t spare_ = 0;
   alignas(Task) unsigned char storage_[kCapacity * sizeof(Task)];
 };
 
@@ -92,6 +106,8 @@ struct Waiter {
   struct Ops {
     void (*run)(Waiter* self, Settlement& settlement);
     void (*destroy)(Waiter* self) noexcept;
+    // `run` keeps a reference to the value, taken with Settlement::takeValue().
+    bool keepsValue = false;
   };
 
   explicit Waiter(const Ops* o) noexcept : ops(o) {}
@@ -164,6 +180,9 @@ class PRMHandlerList {
 
   bool present() const noexcept { return present_; }
   size_t size() const noexcept;
+  // How many of the first few entries keep the value they run with
+  // (Waiter::Ops::keepsValue); the rest are not looked at.
+  uint32_t keepers() const noexcept;
   // Runs every entry once with `value`, in order.
   void runAll(const Id& value);
   void runAll(promise_internal::Settlement& settlement);
@@ -420,6 +439,9 @@ class PRMPromise final : public Object {
   bool settledNow() const noexcept { return state_.load(std::memory_order_acquire) & kSettled; }
   // The locked part of PRMSetResult: stores `stored` and takes the waiting entries.
   static PRMHandlerList exchangeResult(PRMPromise* promise, Id stored);
+  // As exchangeResult, with content whose reference the caller adds before the value
+  // it came from can go.
+  static PRMHandlerList exchangeContent(PRMPromise* promise, Object* content);
   // Stores `value` and runs the waiting entries with it.
   static void settle(PRMPromise* promise, const Id& value);
   // Settles `promise` unless settled (the resolver's rule), from engine code.

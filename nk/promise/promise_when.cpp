@@ -70,7 +70,7 @@ class Aggregate {
         count_(count),
         keyed_(keyed),
         values_(count),
-        entryOps_{{&runEntry, &dropEntry}, this} {
+        entryOps_{{&runEntry, &dropEntry, /*keepsValue=*/true}, this} {
     if (keyed) keys_.resize(count);
   }
   ~Aggregate() { ::operator delete(entries_); }
@@ -119,7 +119,7 @@ class Aggregate {
  private:
   static void runEntry(Waiter* entry, Settlement& settlement) {
     settlement.flush();
-    aggregateOf(entry).entrySettled(entry, settlement.value, settlement.error);
+    aggregateOf(entry).entrySettled(entry, settlement.takeValue(), settlement.error);
   }
   // An entry dropped unrun (its member died pending): the aggregate can no longer
   // fulfil, though another member may still reject it.
@@ -131,7 +131,7 @@ class Aggregate {
 
   // The member of `entry` has settled with `value`, which may be nil for nothing or
   // a promise to wait on in turn; `error` tells whether it is an error.
-  void entrySettled(Waiter* entry, const Id& value, bool error);
+  void entrySettled(Waiter* entry, Id value, bool error);
 
   static constexpr unsigned kDecided = 1;    // rejected, or left to the body's rejection
   static constexpr unsigned kAbandoned = 2;  // a member will never settle
@@ -210,16 +210,17 @@ class Aggregate {
   const EntryOps entryOps_;
 };
 
-void Aggregate::entrySettled(Waiter* entry, const Id& value, bool error) {
+void Aggregate::entrySettled(Waiter* entry, Id value, bool error) {
   const Class* cls = value ? &value->objectClass() : nullptr;
   if (cls == promiseClass_) {
     // The member followed a promise that had itself settled with a promise.
     const auto* promise = static_cast<const PRMPromise*>(value.get());
     Id slot = Access::tryRegister(promise, entry);
     if (!slot) return;
-    return entrySettled(entry, slot, promise_internal::isError(slot));
+    const bool slotError = promise_internal::isError(slot);
+    return entrySettled(entry, std::move(slot), slotError);
   }
-  settled(static_cast<size_t>(entry - entries_), value, cls, error);
+  settled(static_cast<size_t>(entry - entries_), std::move(value), cls, error);
   countOut(1);
 }
 

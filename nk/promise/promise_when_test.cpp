@@ -302,6 +302,41 @@ TEST(PromiseAll, PendingMembersSettlingWithNothingOrAPromise) {
   }
 }
 
+TEST(PromiseAll, EveryReferenceToAMemberValueIsGivenBack) {
+  // Settling takes the references the waiting aggregates keep together with the
+  // slot's own: each must be used once or given back, whatever the outcome.
+  const Id values[] = {num(5), failure(3)};
+  for (const Id& value : values) {
+    {
+      auto member = deferred();
+      auto first = PRMAll(Array::make({member.promise}));
+      auto second = PRMAll(Dictionary::make({{NK_STR("k"), member.promise}}));
+      (*member.resolve)(value);
+      for (const auto& p : {first, second}) {
+        if (cast<Error>(value)) {
+          EXPECT_EQ(rejectionCode(p), 3);
+        } else {
+          EXPECT_TRUE(settles(p) && p->fulfilled());
+        }
+      }
+    }
+    idle(20ms);
+    EXPECT_EQ(value->retainCount(), 1u) << value->description()->utf8();
+  }
+  {  // settled with a pending promise first: the references go to that promise's value
+    Id value = num(6);
+    {
+      auto inner = deferred(), member = deferred();
+      auto p = PRMAll(Array::make({member.promise}));
+      (*member.resolve)(inner.promise);
+      (*inner.resolve)(value);
+      EXPECT_TRUE(isEqual(settledValue(p), Array::make({value})));
+    }
+    idle(20ms);
+    EXPECT_EQ(value->retainCount(), 1u);
+  }
+}
+
 TEST(PromiseAll, MemberDyingPendingReleasesTheAggregate) {
   // The aggregate can then never fulfil; what it kept for its members is freed.
   Ref<PRMPromise> p;
