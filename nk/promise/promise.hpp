@@ -437,7 +437,7 @@ class PRMPromise final : public Object {
   // Whether the slot is filled: a settled promise stays settled, so only a false
   // answer can be out of date by the time it is used.
   bool settledNow() const noexcept { return state_.load(std::memory_order_acquire) & kSettled; }
-  // The locked part of PRMSetResult: stores `stored` and takes the waiting entries.
+  // PRMSetResult's work: stores `stored` and takes the waiting entries.
   static PRMHandlerList exchangeResult(PRMPromise* promise, Id stored);
   // As exchangeResult, with content whose reference the caller adds before the value
   // it came from can go.
