@@ -140,11 +140,11 @@ Object* slotContent(const Id& value, bool error) {
   return value.get();
 }
 
-Id sanitized(const Id& value, bool error) { return Id(slotContent(value, error)); }
-
 }  // namespace
 
-Id PRMSanitizeResult(const Id& value) { return sanitized(value, promise_internal::isError(value)); }
+Id PRMSanitizeResult(const Id& value) {
+  return Id(slotContent(value, promise_internal::isError(value)));
+}
 
 Id PRMGetResult(const PRMPromise* promise) {
   // Content once stored lives as long as the promise (FormerContent).
@@ -152,11 +152,7 @@ Id PRMGetResult(const PRMPromise* promise) {
   return state & PRMPromise::kSettled ? Id(PRMPromise::contentOf(state)) : nullptr;
 }
 
-PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Id stored) {
-  return exchangeContent(promise, stored.leak());
-}
-
-PRMHandlerList PRMPromise::exchangeContent(PRMPromise* promise, Object* content) {
+PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Object* content) {
   // An overwrite keeps the old content in a FormerContent, made beforehand when it can
   // be foreseen.
   std::unique_ptr<FormerContent> former;
@@ -179,7 +175,7 @@ PRMHandlerList PRMPromise::exchangeContent(PRMPromise* promise, Object* content)
 }
 
 PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
-  return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value));
+  return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value).leak());
 }
 
 void PRMPromise::settle(PRMPromise* promise, const Id& value) {
@@ -188,7 +184,7 @@ void PRMPromise::settle(PRMPromise* promise, const Id& value) {
   // the exchange has handed the entries to this thread. Until then the caller's own
   // reference keeps the value alive.
   Object* content = slotContent(value, settlement.error);
-  PRMHandlerList entries = exchangeContent(promise, content);
+  PRMHandlerList entries = exchangeResult(promise, content);
   const uint32_t keepers = value ? entries.keepers() : 0;
   content->retain(keepers + 1);
   settlement.addSpares(keepers);

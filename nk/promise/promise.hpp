@@ -437,11 +437,10 @@ class PRMPromise final : public Object {
   // Whether the slot is filled: a settled promise stays settled, so only a false
   // answer can be out of date by the time it is used.
   bool settledNow() const noexcept { return state_.load(std::memory_order_acquire) & kSettled; }
-  // PRMSetResult's work: stores `stored` and takes the waiting entries.
-  static PRMHandlerList exchangeResult(PRMPromise* promise, Id stored);
-  // As exchangeResult, with content whose reference the caller adds before the value
-  // it came from can go.
-  static PRMHandlerList exchangeContent(PRMPromise* promise, Object* content);
+  // PRMSetResult's work: stores `content` and takes the waiting entries. The slot's
+  // reference to `content` is the caller's to give, before the exchange or, while the
+  // caller still holds one of its own, after it.
+  static PRMHandlerList exchangeResult(PRMPromise* promise, Object* content);
   // Stores `value` and runs the waiting entries with it.
   static void settle(PRMPromise* promise, const Id& value);
   // Settles `promise` unless settled (the resolver's rule), from engine code.
