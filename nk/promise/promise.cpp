@@ -47,6 +47,9 @@ void destroyAll(Waiter* w) noexcept {
 
 // ---- The handler list.
 
+Settlement::Settlement(const Id& v, const Class* cls) noexcept
+    : value(v), valueClass(cls), error(cls && cls->isSubclassOf(Error::staticClass())) {}
+
 PRMHandlerList::~PRMHandlerList() { destroyAll(first_); }
 
 size_t PRMHandlerList::size() const noexcept {
@@ -119,16 +122,6 @@ Ref<PRMPromise> PRMPromise::promiseWithValue(const Id& value) {
   return p;
 }
 
-Id PRMPromise::tryRegister(Waiter* waiter) const {
-  uintptr_t state = state_.load(std::memory_order_acquire);
-  do {
-    if (state & kSettled) return Id(contentOf(state));
-    waiter->next = reinterpret_cast<Waiter*>(state);
-  } while (!state_.compare_exchange_weak(state, reinterpret_cast<uintptr_t>(waiter),
-                                         std::memory_order_release, std::memory_order_acquire));
-  return nullptr;
-}
-
 // ---- Reading, writing and settling the slot.
 
 namespace {
@@ -144,12 +137,6 @@ Object* slotContent(const Id& value, bool error) {
 
 Id PRMSanitizeResult(const Id& value) {
   return Id(slotContent(value, promise_internal::isError(value)));
-}
-
-Id PRMGetResult(const PRMPromise* promise) {
-  // Content once stored lives as long as the promise (FormerContent).
-  const uintptr_t state = promise->state_.load(std::memory_order_acquire);
-  return state & PRMPromise::kSettled ? Id(PRMPromise::contentOf(state)) : nullptr;
 }
 
 PRMHandlerList PRMPromise::exchangeResult(PRMPromise* promise, Object* content) {
@@ -178,8 +165,8 @@ PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
   return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value).leak());
 }
 
-void PRMPromise::settle(PRMPromise* promise, const Id& value) {
-  Settlement settlement(value);
+void PRMPromise::settle(PRMPromise* promise, const Id& value, const Class* cls) {
+  Settlement settlement(value, cls);
   // The slot's reference and those the entries will keep are taken in one step, once
   // the exchange has handed the entries to this thread. Until then the caller's own
   // reference keeps the value alive.
@@ -192,11 +179,13 @@ void PRMPromise::settle(PRMPromise* promise, const Id& value) {
 }
 
 void PRMResolve(PRMPromise* promise, const Id& value) {
-  PRMPromise* adopted = promise_internal::asPromise(value);
-  if (!adopted) {
-    PRMPromise::settle(promise, value);
+  // The class is looked up once for the whole settlement.
+  const Class* cls = value ? &value->objectClass() : nullptr;
+  if (cls != &PRMPromise::staticClass()) {
+    PRMPromise::settle(promise, value, cls);
     return;
   }
+  auto* adopted = static_cast<PRMPromise*>(value.get());
   Id content = PRMGetResult(adopted);
   if (!content) {
     // Adopting itself would make the promise own itself: the entry then holds a
@@ -212,7 +201,7 @@ void PRMResolve(PRMPromise* promise, const Id& value) {
   }
   // The raw content: an error stays the error, PRMNull the marker, a promise a
   // promise.
-  PRMPromise::settle(promise, content);
+  PRMPromise::settle(promise, content, &content->objectClass());
 }
 
 void PRMPromise::resolveIfPending(PRMPromise* promise, const Id& value) {

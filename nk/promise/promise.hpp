@@ -49,7 +49,9 @@ void leaveTaskTail() noexcept;
 // still receives its tasks in the order the entries ran.
 class Settlement {
  public:
-  explicit Settlement(const Id& v) noexcept : value(v), error(isError(v)) {}
+  explicit Settlement(const Id& v) noexcept : Settlement(v, v ? &v->objectClass() : nullptr) {}
+  // `cls` is the value's class, nil for nil.
+  Settlement(const Id& v, const Class* cls) noexcept;
   Settlement(const Settlement&) = delete;
   Settlement& operator=(const Settlement&) = delete;
   ~Settlement() {
@@ -81,6 +83,7 @@ class Settlement {
   }
 
   const Id& value;
+  const Class* const valueClass;  // nil for nil
   const bool error;
 
  private:
@@ -202,7 +205,7 @@ void PRMResolve(PRMPromise* promise, const Id& value);
 // replaces is released when the promise dies, as a reader may still be using it.
 PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value);
 // The raw slot: nil, an Error, PRMNull, a PRMArray, a PRMPromise or a value.
-Id PRMGetResult(const PRMPromise* promise);
+inline Id PRMGetResult(const PRMPromise* promise);
 // Nil becomes PRMNull; an Error has its unhandled-error tracker armed.
 Id PRMSanitizeResult(const Id& value);
 
@@ -441,8 +444,8 @@ class PRMPromise final : public Object {
   // reference to `content` is the caller's to give, before the exchange or, while the
   // caller still holds one of its own, after it.
   static PRMHandlerList exchangeResult(PRMPromise* promise, Object* content);
-  // Stores `value` and runs the waiting entries with it.
-  static void settle(PRMPromise* promise, const Id& value);
+  // Stores `value`, of class `cls` (nil for nil), and runs the waiting entries with it.
+  static void settle(PRMPromise* promise, const Id& value, const Class* cls);
   // Settles `promise` unless settled (the resolver's rule), from engine code.
   static void resolveIfPending(PRMPromise* promise, const Id& value);
   // resolveIfPending as the last thing a queued step does: the next step's task may
@@ -477,6 +480,23 @@ class PRMPromise final : public Object {
   promise_internal::Waiter* former_ = nullptr;
 };
 
+// Inline: aggregates call these once per member.
+inline Id PRMGetResult(const PRMPromise* promise) {
+  // Content once stored lives as long as the promise (FormerContent).
+  const uintptr_t state = promise->state_.load(std::memory_order_acquire);
+  return state & PRMPromise::kSettled ? Id(PRMPromise::contentOf(state)) : nullptr;
+}
+
+inline Id PRMPromise::tryRegister(promise_internal::Waiter* waiter) const {
+  uintptr_t state = state_.load(std::memory_order_acquire);
+  do {
+    if (state & kSettled) return Id(contentOf(state));
+    waiter->next = reinterpret_cast<promise_internal::Waiter*>(state);
+  } while (!state_.compare_exchange_weak(state, reinterpret_cast<uintptr_t>(waiter),
+                                         std::memory_order_release, std::memory_order_acquire));
+  return nullptr;
+}
+
 // A promise of what `block` returns, run on `queue` through prm_safely_call_block
 // (a returned error rejects, a returned promise is followed). Returns at once.
 template <class F>
@@ -504,6 +524,7 @@ struct Access {
   static void finishStep(PRMPromise* p, const Id& v) { PRMPromise::finishStep(p, v); }
   // Adds `w` to a pending promise and returns nil; a settled promise's slot otherwise.
   static Id tryRegister(const PRMPromise* p, Waiter* w) { return p->tryRegister(w); }
+  static bool settledNow(const PRMPromise* p) { return p->settledNow(); }
 };
 
 inline PRMPromise* asPromise(const Id& value) noexcept {

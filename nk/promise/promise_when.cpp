@@ -75,32 +75,15 @@ class Aggregate {
   }
   ~Aggregate() { ::operator delete(entries_); }
 
-  // The walk: one call per member in enumeration order, then endWalk().
-  void member(size_t index, const Id& member, Id key) {
-    if (keyed_) keys_[index] = std::move(key);
+  // The walk: one call per member in enumeration order (for a dictionary, after
+  // its key), then endWalk().
+  void key(size_t index, Id key) { keys_[index] = std::move(key); }
+  void member(size_t index, const Id& member) {
     const Class* cls = member ? &member->objectClass() : nullptr;
-    if (cls != promiseClass_) return settled(index, member, cls, isErrorClass(cls));
-    const auto* promise = static_cast<const PRMPromise*>(member.get());
-    for (;;) {
-      // A slot's content lives as long as its promise, so `promise` stays valid.
-      Id slot = PRMGetResult(promise);
-      if (!slot) {
-        if (!entries_) {
-          // Entries are made only for members found pending.
-          entries_ = static_cast<Waiter*>(::operator new(count_ * sizeof(Waiter)));
-        }
-        auto* entry = ::new (static_cast<void*>(entries_ + index)) Waiter(&entryOps_);
-        slot = Access::tryRegister(promise, entry);
-        if (!slot) {
-          ++registered_;
-          return;
-        }
-        // Settled between the two looks.
-      }
-      cls = &slot->objectClass();
-      if (cls != promiseClass_) return settled(index, std::move(slot), cls, isErrorClass(cls));
-      promise = static_cast<const PRMPromise*>(slot.get());
+    if (cls == promiseClass_ && waitOn(index, static_cast<const PRMPromise*>(member.get()))) {
+      return;
     }
+    notWaiting(index, member, cls);
   }
 
   // Gives back the walk's hold and the share of the members that never got an entry.
@@ -119,7 +102,8 @@ class Aggregate {
  private:
   static void runEntry(Waiter* entry, Settlement& settlement) {
     settlement.flush();
-    aggregateOf(entry).entrySettled(entry, settlement.takeValue(), settlement.error);
+    aggregateOf(entry).entrySettled(entry, settlement.takeValue(), settlement.valueClass,
+                                    settlement.error);
   }
   // An entry dropped unrun (its member died pending): the aggregate can no longer
   // fulfil, though another member may still reject it.
@@ -129,9 +113,42 @@ class Aggregate {
     self.countOut(1);
   }
 
-  // The member of `entry` has settled with `value`, which may be nil for nothing or
-  // a promise to wait on in turn; `error` tells whether it is an error.
-  void entrySettled(Waiter* entry, Id value, bool error);
+  // The member of `entry` has settled with `value`, of class `cls`, which may be nil
+  // for nothing or a promise to wait on in turn; `error` tells whether it is an error.
+  void entrySettled(Waiter* entry, Id value, const Class* cls, bool error);
+
+  // Gives `promise` the entry at `index` if it is still pending.
+  bool waitOn(size_t index, const PRMPromise* promise) {
+    if (Access::settledNow(promise)) return false;
+    if (!entries_) {
+      // Entries are made only for members found pending.
+      entries_ = static_cast<Waiter*>(::operator new(count_ * sizeof(Waiter)));
+    }
+    auto* entry = ::new (static_cast<void*>(entries_ + index)) Waiter(&entryOps_);
+    if (Access::tryRegister(promise, entry)) return false;  // settled meanwhile
+    ++registered_;
+    return true;
+  }
+
+  // A member that is not a pending promise: its value now, or the promise its slot
+  // follows to wait on. `cls` is the member's class (nil for nil).
+  [[gnu::noinline]] void notWaiting(size_t index, const Id& member, const Class* cls) {
+    if (cls != promiseClass_) return settled(index, member, cls, isErrorClass(cls));
+    // Settled, as waitOn() found: a settled promise stays settled.
+    Id slot = PRMGetResult(static_cast<const PRMPromise*>(member.get()));
+    for (;;) {
+      cls = &slot->objectClass();
+      if (cls != promiseClass_) return settled(index, std::move(slot), cls, isErrorClass(cls));
+      // A slot's content lives as long as its promise, so `promise` stays valid.
+      const auto* promise = static_cast<const PRMPromise*>(slot.get());
+      Id next = PRMGetResult(promise);
+      if (!next) {
+        if (waitOn(index, promise)) return;
+        next = PRMGetResult(promise);
+      }
+      slot = std::move(next);
+    }
+  }
 
   static constexpr unsigned kDecided = 1;    // rejected, or left to the body's rejection
   static constexpr unsigned kAbandoned = 2;  // a member will never settle
@@ -210,15 +227,14 @@ class Aggregate {
   const EntryOps entryOps_;
 };
 
-void Aggregate::entrySettled(Waiter* entry, Id value, bool error) {
-  const Class* cls = value ? &value->objectClass() : nullptr;
+void Aggregate::entrySettled(Waiter* entry, Id value, const Class* cls, bool error) {
   if (cls == promiseClass_) {
     // The member followed a promise that had itself settled with a promise.
     const auto* promise = static_cast<const PRMPromise*>(value.get());
     Id slot = Access::tryRegister(promise, entry);
     if (!slot) return;
-    const bool slotError = promise_internal::isError(slot);
-    return entrySettled(entry, std::move(slot), slotError);
+    const Class* slotClass = &slot->objectClass();
+    return entrySettled(entry, std::move(slot), slotClass, isErrorClass(slotClass));
   }
   settled(static_cast<size_t>(entry - entries_), std::move(value), cls, error);
   countOut(1);
@@ -240,13 +256,16 @@ Ref<PRMPromise> PRMAll(const Id& collection) {
           // Held apart from the table: a key's hash may change the dictionary under us.
           Id key = entryKey;
           const Id& member = dictionary->objectForKey(key.get());
-          if (index < count) aggregate->member(index++, member, std::move(key));
+          if (index < count) {
+            aggregate->key(index, std::move(key));
+            aggregate->member(index++, member);
+          }
         });
       } else {
         // A collection that grew since it was counted must not write past the end;
         // the enumeration itself raises on the change.
         auto visit = [&](const Id& member) {
-          if (index < count) aggregate->member(index++, member, nullptr);
+          if (index < count) aggregate->member(index++, member);
         };
         // Arrays through their own iterator, which the compiler sees through.
         if (const auto* array = cast<Array>(collection.get())) {
