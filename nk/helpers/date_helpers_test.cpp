@@ -24,6 +24,7 @@ TEST(DateIsInfinite, CenturiesBoundsInTheUsersZone) {
     EXPECT_FALSE(infinite(32535215999.0));  // 3000-12-31 23:59:59
     EXPECT_TRUE(infinite(32535216000.0));   // 3001-01-01 00:00:00
     EXPECT_TRUE(vnk_dateIsInfinite(Date::distantFuture()));
+    EXPECT_TRUE(infinite(-141e9));  // about 2500 BC
     // A date without a year in the calendar counts as a sentinel; nil does not.
     EXPECT_TRUE(vnk_dateIsInfinite(
         Date::fromTimeIntervalSinceReferenceDate(std::numeric_limits<double>::quiet_NaN()).get()));

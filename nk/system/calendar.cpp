@@ -2,9 +2,11 @@
 #include "nk/system/calendar.hpp"
 
 #include <unicode/calendar.h>
+#include <unicode/gregocal.h>
 #include <unicode/timezone.h>
 
 #include <cmath>
+#include <cstring>
 #include <memory>
 
 #include "nk/system/locale.hpp"
@@ -22,7 +24,13 @@ std::optional<int> year(const Date* date, icu::TimeZone* zone, const icu::Locale
       icu::Calendar::createInstance(owned.release(), locale, status));
   if (U_FAILURE(status) || !calendar) return std::nullopt;
   calendar->setTime(ms, status);
-  const int32_t y = calendar->get(UCAL_YEAR, status);
+  int32_t y = calendar->get(UCAL_YEAR, status);
+  // The Gregorian year counts up again before the common era: given as it is, 2500 BC
+  // would read as a year to come.
+  if (std::strcmp(calendar->getType(), "gregorian") == 0 &&
+      calendar->get(UCAL_ERA, status) == icu::GregorianCalendar::BC) {
+    y = 1 - y;
+  }
   if (U_FAILURE(status)) return std::nullopt;
   return y;
 }

@@ -13,9 +13,11 @@ namespace nk {
 class Calendar {
  public:
   // The year of `date` as the platform's year component gives it: the year of
-  // its era (0001-01-01 is year 1 and so is 1 BC). Dates before 1582-10-15 are
-  // read in the Julian calendar, as the platform does. Nil, a non-finite date or
-  // one ICU cannot place gives nullopt.
+  // its era (0001-01-01 is year 1), except that Gregorian years before the common
+  // era count down from 0 (1 BC is 0, 2 BC is -1), so that they never pass for
+  // years of the common era. Dates before 1582-10-15 are read in the Julian
+  // calendar, as the platform does. Nil, a non-finite date or one ICU cannot place
+  // gives nullopt.
   static std::optional<int> yearOfDate(const Date* date);
 
   // The same in an explicit time zone ("Europe/Paris", "UTC") and ICU locale; an

@@ -30,6 +30,10 @@ TEST(Calendar, SentinelDatesAndCalendars) {
   ScopedEnv tz("TZ", std::string("UTC"));
   ScopedEnv all("LC_ALL", std::string("en_US.UTF-8"));
   EXPECT_EQ(Calendar::yearOfDate(Date::distantPast()), 1);
+  // before the common era: 1 BC (ten days before year 1), then 2500 BC
+  EXPECT_EQ(Calendar::yearOfDate(Date::fromTimeIntervalSince1970(-62135596800.0 - 864000.0).get()),
+            0);
+  EXPECT_EQ(Calendar::yearOfDate(Date::fromTimeIntervalSince1970(-141e9).get()), -2499);
   EXPECT_EQ(Calendar::yearOfDate(Date::distantFuture()), 4001);
   EXPECT_EQ(Calendar::yearOfDate(Date::fromTimeIntervalSinceReferenceDate(0).get()), 2001);
   // the user's calendar: Buddhist in Thai, Gregorian when the locale asks for it
