@@ -71,7 +71,9 @@ Ref<Array> vnk_map(const Array* array, const MapCallable& map) {
 }
 
 Ref<Array> vnk_filter(const Array* array, const FilterPredicate& remove) {
-  if (!remove) {
+  if (!array) return nullptr;
+  // The predicate is missed only once there is an element to test.
+  if (!remove && array->count() != 0) {
     Exception::raise(kInvalidArgumentException, "vnk_filter: the predicate cannot be nil");
   }
   return vnk_map(array, [&remove](const Id& element, size_t, bool*) -> Id {

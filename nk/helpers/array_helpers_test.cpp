@@ -92,6 +92,8 @@ TEST(ArrayHelpers, FilterTransformReverseFlatten) {
       ints(vnk_filter(a.get(), [](const Id& e) { return cast<Number>(e)->intValue() % 2 == 0; })),
       (std::vector<int>{1, 3}));
   EXPECT_THROW(vnk_filter(a.get(), nullptr), ThrownObject);
+  EXPECT_EQ(vnk_filter(nullptr, nullptr), nullptr);
+  EXPECT_EQ(vnk_filter(Array::make().get(), nullptr)->count(), 0u);
   EXPECT_EQ(vnk_filter(nullptr, [](const Id&) { return true; }), nullptr);
   // A transformer drops nil results; no transformer or nothing to transform: the receiver.
   const Ref<Array> mixed = Array::make({N(1), NK_STR("x"), N(3)});
