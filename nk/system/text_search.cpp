@@ -7,6 +7,8 @@
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -114,8 +116,12 @@ TextRange textRangeIgnoringCaseAndDiacritics(const String* haystack, const Strin
   if (foldedNeedle.empty()) return {};
   std::vector<size_t> origins;
   const std::u16string foldedHaystack = fold(*haystack, &origins);
-  const size_t at = foldedHaystack.find(foldedNeedle);
-  if (at == std::u16string::npos) return {};
+  // Boyer-Moore keeps the search linear on adversarial inputs.
+  const auto found =
+      std::search(foldedHaystack.begin(), foldedHaystack.end(),
+                  std::boyer_moore_searcher(foldedNeedle.begin(), foldedNeedle.end()));
+  if (found == foldedHaystack.end()) return {};
+  const auto at = static_cast<size_t>(found - foldedHaystack.begin());
   // The range ends where the next folded unit comes from, so marks folded away
   // after the last matched character belong to the match.
   // A character that folds to several units (ß to "ss") is in the match as soon as
