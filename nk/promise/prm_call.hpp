@@ -162,10 +162,12 @@ requires(std::is_class_v<F> && !requires { &F::operator(); }) struct FormOf<F, v
 
 enum class ReturnKind { kNothing, kObject, kText, kNumber, kUnsupported };
 
+// Only an unqualified void* is the untyped pointer. A C++ string literal is a
+// const char*, so text is taken with or without the qualifier.
 template <class R>
 constexpr ReturnKind returnKindOf() {
   using D = std::remove_cvref_t<R>;
-  if constexpr (std::is_void_v<R> || std::is_same_v<D, void*> || std::is_same_v<D, const void*>) {
+  if constexpr (std::is_void_v<R> || std::is_same_v<D, void*>) {
     return ReturnKind::kNothing;
   } else if constexpr (ParamKind<D>::kObject) {
     return ReturnKind::kObject;

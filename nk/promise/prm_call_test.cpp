@@ -172,6 +172,8 @@ TEST(HandlerForms, UnsupportedFormsFailWhenCalled) {
   count(prm_safely_call_block([&](Id, Id, Id, Id) { called = true; }, nullptr));
   // Return types outside the table: the signature error.
   signature(prm_safely_call_block([&]() -> int* { return called = true, &target; }, nullptr));
+  signature(
+      prm_safely_call_block([&]() -> const void* { return called = true, &target; }, nullptr));
   signature(prm_safely_call_block([&] { return called = true, std::string("x"); }, nullptr));
   // The return type is judged before the count.
   signature(
