@@ -252,5 +252,47 @@ TEST(PromiseQueues, HandlersOnOneSerialQueueRunInRegistrationOrder) {
   EXPECT_EQ(orderB, expectB);
 }
 
+TEST(PromiseChain, LongPendingChainsSettleWithoutDeepRecursion) {
+  // Every link settles the next one inside its own settlement.
+  constexpr int kLinks = 200000;
+  {  // a rejection skipping every then step, a value skipping every catch step
+    auto errorRoot = deferred(), valueRoot = deferred();
+    Ref<PRMPromise> errorTail = errorRoot.promise, valueTail = valueRoot.promise;
+    for (int i = 0; i < kLinks; ++i) {
+      errorTail = errorTail->then([] { ADD_FAILURE(); });
+      valueTail = valueTail->catch_([] { ADD_FAILURE(); });
+    }
+    (*errorRoot.resolve)(failure(5));
+    (*valueRoot.resolve)(num(6));
+    EXPECT_EQ(rejectionCode(errorTail), 5);
+    EXPECT_TRUE(isEqual(settledValue(valueTail), num(6)));
+  }
+  {  // each promise resolved with the pending one made before it
+    auto root = deferred();
+    Ref<PRMPromise> tail = root.promise;
+    for (int i = 0; i < kLinks; ++i) {
+      tail = PRMPromise::promiseWithResolver([&](PRMResolver r) { r(tail); });
+    }
+    (*root.resolve)(num(7));
+    EXPECT_TRUE(isEqual(settledValue(tail), num(7)));
+  }
+  {  // far down a chain, handlers still reach their queue in registration order, a
+     // long branch between two of them included
+    auto root = deferred();
+    Ref<PRMPromise> p = root.promise;
+    for (int i = 0; i < 100; ++i) p = p->then([] {});
+    auto q = Queue::serial("prm.test.deep");
+    std::vector<char> order;  // one task at a time on q
+    auto a = p->catchOn(q, [&] { order.push_back('a'); });
+    Ref<PRMPromise> b = p;
+    for (int i = 0; i < 100; ++i) b = b->then([] {});
+    b = b->catchOn(q, [&] { order.push_back('b'); });
+    auto c = p->catchOn(q, [&] { order.push_back('c'); });
+    (*root.resolve)(failure(8));
+    ASSERT_TRUE(settles(a) && settles(b) && settles(c));
+    EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
+  }
+}
+
 }  // namespace
 }  // namespace nk

@@ -2,6 +2,8 @@
 // resolver family and the shared operation queue.
 #include "nk/promise/promise.hpp"
 
+#include <optional>
+
 #include "nk/dispatch/once.hpp"
 #include "nk/dispatch/thread_pool_internal.hpp"
 #include "nk/foundation/class.hpp"
@@ -73,11 +75,16 @@ void PRMHandlerList::runAll(const Id& value) {
 }
 
 void PRMHandlerList::runAll(Settlement& settlement) {
-  while (first_) {
-    Waiter* w = std::exchange(first_, first_->next);
-    w->runWith(settlement);
+  while (runNext(settlement)) {
   }
   settlement.flush();
+}
+
+bool PRMHandlerList::runNext(Settlement& settlement) {
+  if (!first_) return false;
+  Waiter* w = std::exchange(first_, first_->next);
+  w->runWith(settlement);
+  return true;
 }
 
 // ---- The object.
@@ -165,17 +172,84 @@ PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
   return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value).leak());
 }
 
-void PRMPromise::settle(PRMPromise* promise, const Id& value, const Class* cls) {
-  Settlement settlement(value, cls);
+PRMHandlerList PRMPromise::takeEntries(PRMPromise* promise, Settlement& settlement) {
   // The slot's reference and those the entries will keep are taken in one step, once
   // the exchange has handed the entries to this thread. Until then the caller's own
   // reference keeps the value alive.
-  Object* content = slotContent(value, settlement.error);
+  Object* content = slotContent(settlement.value, settlement.error);
   PRMHandlerList entries = exchangeResult(promise, content);
-  const uint32_t keepers = value ? entries.keepers() : 0;
+  const uint32_t keepers = settlement.value ? entries.keepers() : 0;
   content->retain(keepers + 1);
   settlement.addSpares(keepers);
-  entries.runAll(settlement);
+  return entries;
+}
+
+// An entry may settle another promise, whose entries run inside it, and so on down
+// a pending chain: one nested settlement per link would overflow the stack on a long
+// chain. Past kNestedSettlements on a thread, a settlement is stored and the entries
+// stop at that depth; the settlement there runs the stored ones after each of its own
+// entries, the newest first and one entry at a time, which keeps the order nesting
+// gives while the stack stays bounded.
+namespace {
+constexpr int kNestedSettlements = 64;
+thread_local int tSettling = 0;
+
+struct SettlingDepth {
+  SettlingDepth() noexcept { ++tSettling; }
+  ~SettlingDepth() { --tSettling; }
+};
+}  // namespace
+
+struct PRMPromise::DeferredSettlement {
+  DeferredSettlement(const Id& v, const Class* cls) : value(v), settlement(value, cls) {}
+  Id value;  // the caller's reference is gone by the time the entries run
+  Settlement settlement;
+  std::optional<PRMHandlerList> entries;
+  DeferredSettlement* below = tDeferred;
+
+  static thread_local DeferredSettlement* tDeferred;  // the newest on this thread
+};
+
+thread_local PRMPromise::DeferredSettlement* PRMPromise::DeferredSettlement::tDeferred = nullptr;
+
+void PRMPromise::settle(PRMPromise* promise, const Id& value, const Class* cls) {
+  if (tSettling >= kNestedSettlements) {
+    auto deferred = std::make_unique<DeferredSettlement>(value, cls);
+    deferred->entries.emplace(takeEntries(promise, deferred->settlement));
+    DeferredSettlement::tDeferred = deferred.release();
+    return;
+  }
+  Settlement settlement(value, cls);
+  PRMHandlerList entries = takeEntries(promise, settlement);
+  SettlingDepth depth;
+  if (tSettling < kNestedSettlements) {
+    entries.runAll(settlement);
+    return;
+  }
+  while (entries.runNext(settlement)) runDeferredSettlements();
+  settlement.flush();
+}
+
+void PRMPromise::runDeferredSettlements() {
+  DeferredSettlement*& tDeferred = DeferredSettlement::tDeferred;
+  try {
+    while (DeferredSettlement* top = tDeferred) {
+      // An entry that defers a settlement puts it on top, so it runs before this
+      // settlement's next entry.
+      if (top->entries->runNext(top->settlement)) continue;
+      top->settlement.flush();
+      tDeferred = top->below;
+      delete top;
+    }
+  } catch (...) {
+    // As the exception would unwind nested settlements: what they had not run is
+    // dropped.
+    while (DeferredSettlement* top = tDeferred) {
+      tDeferred = top->below;
+      delete top;
+    }
+    throw;
+  }
 }
 
 void PRMResolve(PRMPromise* promise, const Id& value) {

@@ -189,6 +189,8 @@ class PRMHandlerList {
   // Runs every entry once with `value`, in order.
   void runAll(const Id& value);
   void runAll(promise_internal::Settlement& settlement);
+  // Runs the first entry left, if any; false when none was.
+  bool runNext(promise_internal::Settlement& settlement);
 
  private:
   promise_internal::Waiter* first_ = nullptr;
@@ -446,6 +448,12 @@ class PRMPromise final : public Object {
   static PRMHandlerList exchangeResult(PRMPromise* promise, Object* content);
   // Stores `value`, of class `cls` (nil for nil), and runs the waiting entries with it.
   static void settle(PRMPromise* promise, const Id& value, const Class* cls);
+  // settle's first half: stores the value and hands over the entries, with the
+  // references to the value that they will keep taken in `settlement`.
+  static PRMHandlerList takeEntries(PRMPromise* promise, promise_internal::Settlement& settlement);
+  // A settlement nested too deep on this thread, kept to be run by the one below.
+  struct DeferredSettlement;
+  static void runDeferredSettlements();
   // Settles `promise` unless settled (the resolver's rule), from engine code.
   static void resolveIfPending(PRMPromise* promise, const Id& value);
   // resolveIfPending as the last thing a queued step does: the next step's task may
