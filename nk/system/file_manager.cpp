@@ -39,6 +39,42 @@ String* kFileTypeUnknown() noexcept { return NK_STR("NSFileTypeUnknown"); }
 String* kURLIsDirectoryKey() noexcept { return NK_STR("NSURLIsDirectoryKey"); }
 String* kURLIsExcludedFromBackupKey() noexcept { return NK_STR("NSURLIsExcludedFromBackupKey"); }
 
+namespace file_internal {
+
+std::string joinPath(const std::string& folder, const std::string& name) {
+  if (!folder.empty() && folder.back() == '/') return folder + name;
+  return folder + "/" + name;
+}
+
+bool readNames(int fd, std::vector<std::string>& names) {
+  int copy = ::dup(fd);
+  if (copy < 0) return false;
+  DIR* dir = ::fdopendir(copy);
+  if (!dir) {
+    int saved = errno;
+    ::close(copy);
+    errno = saved;
+    return false;
+  }
+  ::rewinddir(dir);
+  errno = 0;
+  while (struct dirent* entry = ::readdir(dir)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    names.emplace_back(entry->d_name);
+  }
+  int saved = errno;
+  ::closedir(dir);
+  std::sort(names.begin(), names.end());
+  errno = saved;
+  return saved == 0;
+}
+
+}  // namespace file_internal
+
+using file_internal::Fd;
+using file_internal::joinPath;
+using file_internal::readNames;
+
 namespace {
 
 long codeFor(int posixError, bool writing) {
@@ -83,47 +119,6 @@ std::optional<std::string> pathOf(const URL* url) {
 }
 
 std::string pathOf(const String* path) { return path ? path->utf8() : std::string(); }
-
-std::string joinPath(const std::string& folder, const std::string& name) {
-  if (!folder.empty() && folder.back() == '/') return folder + name;
-  return folder + "/" + name;
-}
-
-struct Fd {
-  int fd = -1;
-  explicit Fd(int f = -1) noexcept : fd(f) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  Fd(Fd&& o) noexcept : fd(std::exchange(o.fd, -1)) {}
-  ~Fd() {
-    if (fd >= 0) ::close(fd);
-  }
-};
-
-// The names in the open folder `fd`, without "." and "..", sorted. `fd` stays
-// open.
-bool readNames(int fd, std::vector<std::string>& names) {
-  int copy = ::dup(fd);
-  if (copy < 0) return false;
-  DIR* dir = ::fdopendir(copy);
-  if (!dir) {
-    int saved = errno;
-    ::close(copy);
-    errno = saved;
-    return false;
-  }
-  ::rewinddir(dir);
-  errno = 0;
-  while (struct dirent* entry = ::readdir(dir)) {
-    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-    names.emplace_back(entry->d_name);
-  }
-  int saved = errno;
-  ::closedir(dir);
-  std::sort(names.begin(), names.end());
-  errno = saved;
-  return saved == 0;
-}
 
 bool isDirectoryAt(int folderFd, const std::string& name) {
   struct stat st;
@@ -217,6 +212,47 @@ int injectedRemovalFailure(const std::string& path) {
 }
 
 }  // namespace
+
+namespace file_internal {
+
+bool removeItemAt(int folderFd, const std::string& name, const std::string& path,
+                  std::string& failedPath) {
+  failedPath = path;
+  if (int injected = injectedRemovalFailure(path)) {
+    errno = injected;
+    return false;
+  }
+  struct stat st;
+  if (::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISDIR(st.st_mode)) {
+    if (::unlinkat(folderFd, name.c_str(), 0) == 0) return true;
+    if (errno != EISDIR) return false;
+  }
+  Fd fd(
+      ::openat(folderFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+  if (fd.fd < 0) {
+    // Swapped for a link or a file since the check: remove that instead.
+    return (errno == ELOOP || errno == ENOTDIR) && ::unlinkat(folderFd, name.c_str(), 0) == 0;
+  }
+  if (!removeContents(fd.fd, path, failedPath)) return false;
+  return ::unlinkat(folderFd, name.c_str(), AT_REMOVEDIR) == 0;
+}
+
+Fd openFolderListing(const URL* url, std::vector<std::string>& names, Ref<Error>* error) {
+  auto folder = pathOf(url);
+  if (!folder) {
+    setSchemeError(error, url, false);
+    return Fd();
+  }
+  Fd fd(::open(folder->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+  if (fd.fd < 0 || !readNames(fd.fd, names)) {
+    setError(error, errno, *folder, false);
+    return Fd();
+  }
+  return fd;
+}
+
+}  // namespace file_internal
 
 void setRemovalFaultHookForTesting(RemovalFaultHook hook) {
   std::lock_guard<std::mutex> lock(removalHookLock);
@@ -330,21 +366,14 @@ Ref<Array> FileManager::contentsOfDirectoryAtPath(const String* path, Ref<Error>
 
 Ref<Array> FileManager::contentsOfDirectoryAtURL(const URL* url, const Array* /*keys*/,
                                                  unsigned options, Ref<Error>* error) const {
-  auto folder = pathOf(url);
-  if (!folder) {
-    setSchemeError(error, url, false);
-    return nullptr;
-  }
-  Fd fd(::open(folder->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
   std::vector<std::string> names;
-  if (fd.fd < 0 || !readNames(fd.fd, names)) {
-    setError(error, errno, *folder, false);
-    return nullptr;
-  }
+  Fd fd = file_internal::openFolderListing(url, names, error);
+  if (fd.fd < 0) return nullptr;
+  const std::string folder = *pathOf(url);
   std::vector<Id> items;
   for (const auto& name : names) {
     if ((options & kDirectoryEnumerationSkipsHiddenFiles) && name[0] == '.') continue;
-    if (auto item = fileURL(joinPath(*folder, name), isDirectoryAt(fd.fd, name))) {
+    if (auto item = fileURL(joinPath(folder, name), isDirectoryAt(fd.fd, name))) {
       items.push_back(item);
     }
   }
@@ -358,36 +387,9 @@ bool FileManager::removeItemAtPath(const String* path, Ref<Error>* error) const 
     setError(error, ENOENT, target, true);
     return false;
   }
-  if (int injected = injectedRemovalFailure(target)) {
-    setError(error, injected, target, true);
-    return false;
-  }
-  struct stat st;
-  if (::lstat(target.c_str(), &st) != 0) {
-    setError(error, errno, target, true);
-    return false;
-  }
-  if (!S_ISDIR(st.st_mode)) {
-    if (::unlink(target.c_str()) == 0) return true;
-    if (errno != EISDIR) {
-      setError(error, errno, target, true);
-      return false;
-    }
-  }
-  Fd fd(::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-  if (fd.fd < 0) {
-    // Swapped for a link or a file since lstat: remove that instead.
-    if ((errno == ELOOP || errno == ENOTDIR) && ::unlink(target.c_str()) == 0) return true;
-    setError(error, errno, target, true);
-    return false;
-  }
   std::string failed;
-  if (!removeContents(fd.fd, target, failed)) {
+  if (!file_internal::removeItemAt(AT_FDCWD, target, target, failed)) {
     setError(error, errno, failed, true);
-    return false;
-  }
-  if (::rmdir(target.c_str()) != 0) {
-    setError(error, errno, target, true);
     return false;
   }
   return true;
