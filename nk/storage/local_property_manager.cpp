@@ -1,14 +1,12 @@
 // NKLocalPropertyManager: reads the list's file from the library's bundle on each lookup.
 #include "nk/storage/local_property_manager.hpp"
 
-#include <fstream>
-#include <iterator>
 #include <span>
-#include <vector>
 
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/property_list.hpp"
 #include "nk/system/bundle.hpp"
+#include "nk/system/bundle_internal.hpp"
 
 namespace nk {
 
@@ -16,11 +14,10 @@ namespace {
 
 // The dictionary at the top of the property-list file at `path`, nil for anything else.
 Ref<Dictionary> readDictionary(const String* path) {
-  std::ifstream in(path->utf8(), std::ios::binary);
-  if (!in) return nullptr;
-  std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) return nullptr;
-  return cast<Dictionary>(readPropertyList(std::span<const uint8_t>(bytes)));
+  auto bytes = bundle_internal::readFile(path->utf8());
+  if (!bytes) return nullptr;
+  return cast<Dictionary>(readPropertyList(
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size())));
 }
 
 }  // namespace

@@ -3,13 +3,16 @@
 #include "nk/storage/local_property_manager.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 
 #include "nk/foundation/array.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/number.hpp"
 #include "nk/storage/storage_test_support_internal.hpp"
+#include "nk/system/bundle_internal.hpp"
 
 namespace nk {
 namespace {
@@ -65,6 +68,24 @@ TEST(NKLocalPropertyManager, Lookups) {
     writeFile(overrideFile(box), body);
     EXPECT_FALSE(lookup("Files")) << body;
   }
+}
+
+// A list file is read whole: anything but a regular file of bounded size yields nil rather
+// than a read that blocks, never ends or exhausts memory.
+TEST(NKLocalPropertyManager, OnlyBoundedRegularFiles) {
+  namespace fs = std::filesystem;
+  StorageSandbox box;
+  const std::string file = overrideFile(box);
+  writeFile(file, xmlList(kOverrides) + std::string(1000, ' '));
+  ASSERT_TRUE(lookup("Files"));
+  writeFile(file, xmlList(kOverrides) + std::string(bundle_internal::kMaxFileSize, ' '));
+  EXPECT_FALSE(lookup("Files"));
+  fs::remove(file);
+  fs::create_symlink("/dev/zero", file);
+  EXPECT_FALSE(lookup("Files"));
+  fs::remove(file);
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  EXPECT_FALSE(lookup("Files"));
 }
 
 }  // namespace

@@ -2,11 +2,12 @@
 // of parsed string tables.
 #include "nk/system/bundle.hpp"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -19,6 +20,7 @@
 #include "nk/foundation/log.hpp"
 #include "nk/foundation/number.hpp"
 #include "nk/foundation/property_list.hpp"
+#include "nk/system/bundle_internal.hpp"
 #include "nk/system/strings_table.hpp"
 
 #ifndef NK_LIBRARY_BUNDLE_DIR
@@ -29,9 +31,31 @@ namespace nk {
 
 NK_DEFINE_CLASS(Bundle, "Bundle");
 
-namespace {
+std::optional<std::string> bundle_internal::readFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return std::nullopt;
+  std::optional<std::string> bytes;
+  struct stat st;
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+      static_cast<uint64_t>(st.st_size) <= kMaxFileSize) {
+    bytes.emplace();
+    char buffer[65536];
+    for (;;) {
+      const ssize_t got = ::read(fd, buffer, sizeof buffer);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0 || bytes->size() + static_cast<size_t>(got) > kMaxFileSize) {
+        bytes.reset();  // unreadable, or grown past the limit since fstat
+        break;
+      }
+      if (got == 0) break;
+      bytes->append(buffer, static_cast<size_t>(got));
+    }
+  }
+  ::close(fd);
+  return bytes;
+}
 
-constexpr size_t kMaxFileSize = 16u << 20;  // Info.plist and string tables
+namespace {
 
 struct FileStamp {
   bool exists = false;
@@ -52,20 +76,8 @@ FileStamp stampOf(const std::string& path) {
   return stamp;
 }
 
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string bytes;
-  char buffer[65536];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    bytes.append(buffer, static_cast<size_t>(in.gcount()));
-    if (bytes.size() > kMaxFileSize) return std::nullopt;
-  }
-  return bytes;
-}
-
 Ref<Dictionary> readInfoPlist(const std::string& path) {
-  auto bytes = readFile(path);
+  auto bytes = bundle_internal::readFile(path);
   if (!bytes || bytes->empty()) return nullptr;
   Ref<Error> error;
   Id root = readPropertyList(
@@ -126,7 +138,7 @@ Ref<Dictionary> stringTable(const std::string& path) {
     auto found = cache->tables.find(path);
     if (found != cache->tables.end() && found->second.first == stamp) return found->second.second;
   }
-  auto bytes = readFile(path);
+  auto bytes = bundle_internal::readFile(path);
   Ref<Dictionary> table = bytes ? parseStringsTable(*bytes) : nullptr;
   if (!table) {
     Log("Bundle: the string table %s is malformed; it is treated as empty", path);
