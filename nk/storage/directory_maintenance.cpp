@@ -2,8 +2,11 @@
 // notifications, deletion with retries, the sweep of the temporary folder, the walk and
 // the backup mark. Everything runs on the caller's thread; only the notifications go to
 // the main queue.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "nk/dispatch/queue.hpp"
@@ -15,6 +18,7 @@
 #include "nk/storage/file_system_helper.hpp"
 #include "nk/storage/path_components_internal.hpp"
 #include "nk/system/file_manager.hpp"
+#include "nk/system/file_manager_internal.hpp"
 #include "nk/system/notification_center.hpp"
 
 namespace nk {
@@ -36,16 +40,29 @@ FileManager* files() { return FileManager::defaultManager(); }
 
 Ref<String> pathOf(const URL* url) { return url ? url->path() : nullptr; }
 
-// True for "name" or "name/name…": relative, and every component an ordinary name.
-bool isInnerRelativePath(std::string_view path) {
-  if (path.empty()) return false;
+using file_internal::Fd;
+using file_internal::joinPath;
+using file_internal::readNames;
+using file_internal::removeItemAt;
+
+// Appends the components of a folder path below the cache, leaving out the empty and "."
+// ones: "download/", "./download" and "download" name the same folder. False for a path
+// that climbs out with "..", or names no folder below the cache.
+bool innerComponents(std::string_view path, std::vector<std::string>& components) {
   for (;;) {
     const size_t slash = path.find('/');
     const std::string_view component = path.substr(0, slash);
-    if (component.empty() || component == "." || component == "..") return false;
-    if (slash == std::string_view::npos) return true;
+    if (component == "..") return false;
+    if (!component.empty() && component != ".") components.emplace_back(component);
+    if (slash == std::string_view::npos) return !components.empty();
     path.remove_prefix(slash + 1);
   }
+}
+
+// Entries are listed and removed by their raw names through the folder's descriptor: a name
+// that is not UTF-8 has no String or URL that leads back to it.
+Fd openFolder(const std::string& path, int flags = 0) {
+  return Fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | flags));
 }
 
 bool isSymbolicLink(const String* path) {
@@ -60,16 +77,15 @@ void postOnMainQueue(Ref<String> name, Ref<Dictionary> userInfo) {
   });
 }
 
-// Removes every entry of the folder at `path`, one attempt each, and tells whether all
-// went. A folder that is missing or cannot be listed has nothing to remove.
-bool removeEntriesAtPath(const String* path) {
-  if (!files()->fileExistsAtPath(path)) return true;
-  Ref<Array> names = files()->contentsOfDirectoryAtPath(path, nullptr);
-  if (!names) return true;
+// Removes every entry of the open folder at `path`, one attempt each, and tells whether all
+// went. A folder that cannot be listed has nothing to remove.
+bool removeEntries(const Fd& folder, const std::string& path) {
+  std::vector<std::string> names;
+  if (folder.fd < 0 || !readNames(folder.fd, names)) return true;
   bool removedAll = true;
-  for (size_t i = 0; i < names->count(); ++i) {
-    auto entry = appendingPathComponent(path, cast<String>(names->objectAtIndex(i)).get());
-    removedAll = files()->removeItemAtPath(entry.get(), nullptr) && removedAll;
+  std::string failed;
+  for (const auto& name : names) {
+    removedAll = removeItemAt(folder.fd, name, joinPath(path, name), failed) && removedAll;
   }
   return removedAll;
 }
@@ -179,19 +195,30 @@ bool NKFileSystemHelper::clearTempDownloadDir() {
 bool NKFileSystemHelper::clearNorvikCacheDir() { return clearCacheDirWithSubdirectory(nullptr); }
 
 bool NKFileSystemHelper::clearCacheDirWithSubdirectory(const String* subdirectory) {
-  const bool named = subdirectory && subdirectory->length() > 0;
-  // Only folders inside the cache are cleared: a name that climbs out, or names the
-  // cache itself in another way, is refused before anything is touched.
-  if (named && !isInnerRelativePath(subdirectory->utf8())) return false;
-  Ref<URL> folder = getNorvikCacheDir();
-  if (folder && named) folder = folder->URLByAppendingPathComponent(subdirectory);
-  Ref<String> path = pathOf(folder.get());
+  // Only folders inside the cache are cleared: a name that climbs out, or names the cache
+  // itself in another way than nil or "", is refused before anything is touched.
+  std::vector<std::string> components;
+  if (subdirectory && subdirectory->length() > 0 &&
+      !innerComponents(subdirectory->utf8(), components)) {
+    return false;
+  }
+  Ref<String> cache = pathOf(getNorvikCacheDir().get());
+  Ref<String> path = cache;
+  for (const auto& component : components) path = appendingPathComponent(path.get(), component);
   if (!path || path->length() == 0) return false;
 
   postOnMainQueue(kUtilsCacheDirectoryWillClearNotification(),
                   Dictionary::make({{kUtilsCacheDirectoryClearPath(), path}}));
-  // A subfolder replaced by a link would lead the clearing out of the cache.
-  const bool success = (named && isSymbolicLink(path.get())) || removeEntriesAtPath(path.get());
+  // Down from the cache one folder at a time, never through a link: a link anywhere on the
+  // way would lead the clearing out of the cache. A folder on the way that is missing, a
+  // link or no folder leaves nothing to remove.
+  Fd folder = openFolder(cache->utf8());
+  for (const auto& component : components) {
+    if (folder.fd < 0) break;
+    folder = Fd(::openat(folder.fd, component.c_str(),
+                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+  }
+  const bool success = removeEntries(folder, path->utf8());
   postOnMainQueue(
       kUtilsCacheDirectoryDidClearNotification(),
       Dictionary::make({{kUtilsCacheDirectoryClearPath(), path},
@@ -203,7 +230,7 @@ bool NKFileSystemHelper::clearNorvikLogsToUploadDir() {
   Ref<String> path = getNorvikLogsToUploadDir();
   if (!path) return true;
   // The folder lies inside Library: a link in its place is not followed.
-  return isSymbolicLink(path.get()) || removeEntriesAtPath(path.get());
+  return removeEntries(openFolder(path->utf8(), O_NOFOLLOW), path->utf8());
 }
 
 void NKFileSystemHelper::enumerate(const URL* url) {

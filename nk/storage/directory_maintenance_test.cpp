@@ -382,18 +382,37 @@ TEST(Safety, LinksAreRemovedNeverFollowed) {
   fs::create_directory_symlink(outside, box.library() + "/LogsToUpload");
   EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
   EXPECT_TRUE(outsideIntact());
+  // Nor does a link in the middle of a subfolder's path.
+  EXPECT_TRUE(FSH::clearCacheDirWithSubdirectory(S("download/nested").get()));
+  EXPECT_TRUE(outsideIntact());
   {  // a "subfolder" that climbs out of the cache is refused, and nothing is removed
     fs::remove(download);
     const std::string sibling = box.cacheFolder() + "/../sibling";
     plantTree(sibling);
     plantTree(box.cacheFolder() + "/kept");
-    for (const char* name : {"..", "../sibling", "kept/../..", "/", ".", "a//b"}) {
+    for (const char* name : {"..", "../sibling", "kept/../..", "/", ".", "./"}) {
       EXPECT_FALSE(FSH::clearCacheDirWithSubdirectory(String::fromUTF8(name).get())) << name;
     }
     EXPECT_TRUE(exists(sibling + "/a.bin"));
     EXPECT_TRUE(exists(box.cacheFolder() + "/kept/a.bin"));
   }
   drainMainLoop();
+}
+
+TEST(CacheClearing, SpellingsOfASubfolder) {
+  StorageSandbox box;
+  const std::string nested = box.cacheFolder() + "/download/nested";
+  for (const char* name : {"download/", "./download", "/download", "download//nested/."}) {
+    CacheNotifications notes;
+    plantTree(nested);
+    writeFile(box.cacheFolder() + "/keep.bin", "k");
+    EXPECT_TRUE(FSH::clearCacheDirWithSubdirectory(S(name).get())) << name;
+    EXPECT_TRUE(exists(box.cacheFolder() + "/keep.bin")) << name;
+    const bool wholeDownload = std::string_view(name).find("nested") == std::string_view::npos;
+    EXPECT_EQ(exists(nested), !wholeDownload) << name;
+    EXPECT_EQ(entryCount(wholeDownload ? box.cacheFolder() + "/download" : nested), 0u) << name;
+    expectClearPair(notes, wholeDownload ? box.cacheFolder() + "/download" : nested, true);
+  }
 }
 
 TEST(Safety, TemporaryFolderIsPrivate) {

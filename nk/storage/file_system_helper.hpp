@@ -144,8 +144,10 @@ class NKFileSystemHelper final : public Object {
   // "CacheDirectoryDidClear" ("Path", "Success") after, both submitted asynchronously to
   // the main queue in that order: called on the main thread, they are delivered after this
   // returns. True when every entry went, and when the folder is missing, empty or cannot
-  // be listed. A subfolder that is a symbolic link is not followed: nothing is removed and
-  // the result is true. False, with nothing posted, when there is no Cache.
+  // be listed. `subdirectory` is a path below the Cache ("a/b"; empty and "." components
+  // are ignored); one with "..", or naming the Cache itself, is refused: false and nothing
+  // posted. No symbolic link on the way is followed, from the Cache down: nothing is removed
+  // and the result is true. False, with nothing posted, when there is no Cache.
   static bool clearCacheDirWithSubdirectory(const String* subdirectory);
   // Empties getNorvikLogsToUploadDir() (creating it when missing), one attempt per entry;
   // no notification. True when every entry went or there was nothing to remove (a
