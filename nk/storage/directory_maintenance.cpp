@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "nk/dispatch/queue.hpp"
-#include "nk/foundation/array.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/exception.hpp"
 #include "nk/foundation/log.hpp"
@@ -138,20 +137,22 @@ bool NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(
     const URL* url, uint64_t maxRetryCount) {
   if (!url) return false;
   Ref<Error> error;
-  Ref<Array> entries = files()->contentsOfDirectoryAtURL(url, nullptr, 0, &error);
-  if (error) {
+  std::vector<std::string> names;
+  Fd folder = file_internal::openFolderListing(url, names, &error);
+  if (folder.fd < 0) {
     Log("%@", error.get());
     return false;
   }
-  if (!entries) return false;
+  const std::string path = url->path()->utf8();
   bool removedAll = true;
-  for (size_t i = 0; i < entries->count(); ++i) {
-    const auto* entry = cast<URL>(entries->objectAtIndex(i).get());
-    if (files()->removeItemAtURL(entry, nullptr)) continue;
+  std::string failed;
+  for (const auto& name : names) {
+    const std::string entry = joinPath(path, name);
+    if (removeItemAt(folder.fd, name, entry, failed)) continue;
     // A later success does not make the entry count as removed.
     removedAll = false;
     for (uint64_t attempt = 1; attempt < maxRetryCount; ++attempt) {
-      (void)files()->removeItemAtURL(entry, nullptr);
+      (void)removeItemAt(folder.fd, name, entry, failed);
     }
   }
   return removedAll;
@@ -160,21 +161,25 @@ bool NKFileSystemHelper::deleteAllFilesInDirectoryWithFullPathAndMaxRetryCount(
 void NKFileSystemHelper::deleteTempDir() {
   Ref<String> temporary = NSTemporaryDirectory();
   if (!temporary) return;
-  Ref<Array> names = files()->contentsOfDirectoryAtPath(temporary.get(), nullptr);
-  if (!names) return;
+  const std::string path = temporary->utf8();
+  Fd folder = openFolder(path);
+  std::vector<std::string> names;
+  if (folder.fd < 0 || !readNames(folder.fd, names)) return;
   // One counter for the whole sweep, on purpose: once the first failing entries have used
   // up the shared attempts, every later failing entry gets a single attempt, so a folder
   // full of undeletable entries cannot stall the sweep.
   uint64_t attempts = 0;
-  for (size_t i = 0; i < names->count(); ++i) {
-    const auto* name = cast<String>(names->objectAtIndex(i).get());
+  std::string failed;
+  for (const auto& name : names) {
+    const std::string entry = joinPath(path, name);
     const uint64_t limit =
         attempts > kSweepSharedAttemptLimit ? attempts : kSweepSharedAttemptLimit;
     for (;;) {
       try {
-        Ref<String> path = appendingPathComponent(temporary.get(), name);
-        if (!files()->fileExistsAtPath(path.get())) break;
-        if (files()->removeItemAtPath(path.get(), nullptr)) break;
+        // Existence through a link, as fileExistsAtPath sees it.
+        struct stat st;
+        if (::fstatat(folder.fd, name.c_str(), &st, 0) != 0) break;
+        if (removeItemAt(folder.fd, name, entry, failed)) break;
       } catch (const ThrownObject&) {
         // Counts as a failed attempt.
       }

@@ -415,6 +415,30 @@ TEST(CacheClearing, SpellingsOfASubfolder) {
   }
 }
 
+// Names that are not UTF-8 have no String or URL that leads back to them.
+TEST(Safety, NamesThatAreNotUTF8) {
+  StorageSandbox box;
+  const std::string name = "caf\xe9.txt";
+  const std::string work = box.dir / "work";
+  writeFile(work + "/" + name, "x");
+  writeFile(work + "/sub/" + name, "x");
+  EXPECT_TRUE(deleteAll(work, 3));
+  EXPECT_EQ(entryCount(work), 0u);
+  writeFile(box.cacheFolder() + "/" + name, "x");
+  writeFile(box.cacheFolder() + "/download/" + name, "x");
+  EXPECT_TRUE(FSH::clearTempDownloadDir());
+  EXPECT_EQ(entryCount(box.cacheFolder() + "/download"), 0u);
+  EXPECT_TRUE(FSH::clearNorvikCacheDir());
+  EXPECT_EQ(entryCount(box.cacheFolder()), 0u);
+  writeFile(box.library() + "/LogsToUpload/" + name, "x");
+  EXPECT_TRUE(FSH::clearNorvikLogsToUploadDir());
+  EXPECT_EQ(entryCount(box.library() + "/LogsToUpload"), 0u);
+  writeFile(box.cacheFolder() + "/" + name, "x");
+  FSH::deleteTempDir();
+  EXPECT_EQ(entryCount(box.cacheFolder()), 0u);
+  drainMainLoop();
+}
+
 TEST(Safety, TemporaryFolderIsPrivate) {
   StorageSandbox box;
   // TMPDIR and XDG_CACHE_HOME both point at test folders; only the latter may be touched.
