@@ -240,8 +240,10 @@ bool NKFileSystemHelper::clearNorvikLogsToUploadDir() {
 
 void NKFileSystemHelper::enumerate(const URL* url) {
   if (!url) return;
-  // Each folder met is walked again in full, as a walk of its own; a work list instead of
-  // recursion keeps deep trees off the call stack.
+  // Each folder is walked in full, and each folder directly inside it again as a walk of its
+  // own, so every subtree is walked once for each folder above it: the work grows with
+  // items times depth. Walks started from every folder the deep walk meets would double it
+  // at each level. A work list instead of recursion keeps deep trees off the call stack.
   std::vector<Ref<URL>> pending{Ref<URL>(const_cast<URL*>(url))};
   while (!pending.empty()) {
     Ref<URL> folder = std::move(pending.back());
@@ -252,7 +254,7 @@ void NKFileSystemHelper::enumerate(const URL* url) {
       Id isDirectory;
       if (!getResourceValue(item.get(), &isDirectory, kURLIsDirectoryKey(), nullptr)) continue;
       const auto* flag = cast<Number>(isDirectory.get());
-      if (flag && flag->boolValue() && !isSymbolicLink(item->path().get())) {
+      if (walk->level() == 1 && flag && flag->boolValue() && !isSymbolicLink(item->path().get())) {
         pending.push_back(std::move(item));
       }
     }

@@ -494,6 +494,11 @@ TEST(Enumerate, PureWalkThatEnds) {
   // Two links back to the root: followed, each level would double the walks for ever.
   fs::create_directory_symlink(root, root + "/nested/up");
   fs::create_directory_symlink(root, root + "/nested/deeper/up");
+  // A deep chain: walks started from every folder met, rather than from those directly
+  // inside the one being walked, would take 2^39 walks of its bottom.
+  std::string chain = root;
+  for (int depth = 0; depth < 40; ++depth) chain += "/d";
+  fs::create_directories(chain);
   auto snapshot = [&] {
     std::vector<std::string> items;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
