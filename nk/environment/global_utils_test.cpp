@@ -63,9 +63,11 @@ TEST(NKGlobalUtils, DeviceNames) {
   };
   writeFile(info, "PRETTY_HOSTNAME=\"  Studio \"\n");
   expectName("Studio (Velmont Files for Mac)");
-  // Blank once trimmed counts as no name (ASCII blanks alone would become the host name).
-  writeFile(info, "PRETTY_HOSTNAME=\"  \xE3\x80\x80\"\n");
-  expectName("Unknown Device Name (Velmont Files for Mac)");
+  // A name that is blank once trimmed counts as no name; the host name does not stand in.
+  for (const char* blank : {"\"  \xE3\x80\x80\"", "\"   \""}) {
+    writeFile(info, std::string("PRETTY_HOSTNAME=") + blank + "\n");
+    expectName("Unknown Device Name (Velmont Files for Mac)");
+  }
 }
 
 // How many of 8 threads released together got a true answer from `f`.

@@ -23,9 +23,11 @@ NK_DEFINE_CLASS(ProcessInfo, "ProcessInfo");
 namespace {
 
 // The value of a shell-style assignment's right-hand side: quotes removed,
-// backslash escapes resolved, as systemd's environment-file reader does.
+// backslash escapes resolved, trailing blanks outside quotes dropped, as systemd's
+// environment-file reader does. Quoted blanks stay: "   " is a name, made of spaces.
 std::string unquoteShellValue(std::string_view value) {
   std::string out;
+  size_t quoted = 0;  // the length of `out` up to its last quoted or escaped character
   char quote = 0;
   for (size_t i = 0; i < value.size(); ++i) {
     char c = value[i];
@@ -34,18 +36,21 @@ std::string unquoteShellValue(std::string_view value) {
         quote = 0;
       } else {
         out.push_back(c);
+        quoted = out.size();
       }
     } else if (c == '\\' && i + 1 < value.size()) {
       out.push_back(value[++i]);
+      quoted = out.size();
     } else if (quote == 0 && (c == '"' || c == '\'')) {
       quote = c;
     } else if (quote == '"' && c == '"') {
       quote = 0;
     } else {
       out.push_back(c);
+      if (quote) quoted = out.size();
     }
   }
-  while (!out.empty() && (out.back() == ' ' || out.back() == '\t' || out.back() == '\r')) {
+  while (out.size() > quoted && (out.back() == ' ' || out.back() == '\t' || out.back() == '\r')) {
     out.pop_back();
   }
   return out;

@@ -47,7 +47,8 @@ class ProcessInfo final : public Object {
   // gethostname(), nil if it fails.
   Ref<String> hostName() const;
   // The pretty host name (PRETTY_HOSTNAME= in /etc/machine-info, or the file
-  // named by NK_MACHINE_INFO), else hostName().
+  // named by NK_MACHINE_INFO), else hostName(). A quoted name of blanks is a name;
+  // an empty one is none.
   Ref<String> computerName() const;
 
   uint64_t physicalMemory() const noexcept;

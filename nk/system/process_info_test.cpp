@@ -48,6 +48,11 @@ TEST(ComputerName, PrettyNameElseHostName) {
   EXPECT_EQ(info->computerName()->utf8(), "Studio");
   writeFile(dir / "machine-info", "PRETTY_HOSTNAME='Big \\ Box'\n");
   EXPECT_EQ(info->computerName()->utf8(), "Big \\ Box");
+  // blanks within quotes are kept, even when they are all there is; those after are not
+  writeFile(dir / "machine-info", "PRETTY_HOSTNAME=\"   \"\n");
+  EXPECT_EQ(info->computerName()->utf8(), "   ");
+  writeFile(dir / "machine-info", "PRETTY_HOSTNAME=\" Studio \"  \n");
+  EXPECT_EQ(info->computerName()->utf8(), " Studio ");
   // no pretty name, an empty one, or no file: the host name
   char host[256] = {};
   ::gethostname(host, sizeof host - 1);
