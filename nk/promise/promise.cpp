@@ -2,8 +2,6 @@
 // resolver family and the shared operation queue.
 #include "nk/promise/promise.hpp"
 
-#include <optional>
-
 #include "nk/dispatch/once.hpp"
 #include "nk/dispatch/thread_pool_internal.hpp"
 #include "nk/foundation/class.hpp"
@@ -201,10 +199,11 @@ struct SettlingDepth {
 }  // namespace
 
 struct PRMPromise::DeferredSettlement {
-  DeferredSettlement(const Id& v, const Class* cls) : value(v), settlement(value, cls) {}
+  DeferredSettlement(PRMPromise* promise, const Id& v, const Class* cls)
+      : value(v), settlement(value, cls), entries(takeEntries(promise, settlement)) {}
   Id value;  // the caller's reference is gone by the time the entries run
   Settlement settlement;
-  std::optional<PRMHandlerList> entries;
+  PRMHandlerList entries;
   DeferredSettlement* below = tDeferred;
 
   static thread_local DeferredSettlement* tDeferred;  // the newest on this thread
@@ -213,10 +212,9 @@ struct PRMPromise::DeferredSettlement {
 thread_local PRMPromise::DeferredSettlement* PRMPromise::DeferredSettlement::tDeferred = nullptr;
 
 void PRMPromise::settle(PRMPromise* promise, const Id& value, const Class* cls) {
+  DeferredSettlement*& deferred = DeferredSettlement::tDeferred;
   if (tSettling >= kNestedSettlements) {
-    auto deferred = std::make_unique<DeferredSettlement>(value, cls);
-    deferred->entries.emplace(takeEntries(promise, deferred->settlement));
-    DeferredSettlement::tDeferred = deferred.release();
+    deferred = new DeferredSettlement(promise, value, cls);
     return;
   }
   Settlement settlement(value, cls);
@@ -226,30 +224,27 @@ void PRMPromise::settle(PRMPromise* promise, const Id& value, const Class* cls) 
     entries.runAll(settlement);
     return;
   }
-  while (entries.runNext(settlement)) runDeferredSettlements();
-  settlement.flush();
-}
-
-void PRMPromise::runDeferredSettlements() {
-  DeferredSettlement*& tDeferred = DeferredSettlement::tDeferred;
   try {
-    while (DeferredSettlement* top = tDeferred) {
-      // An entry that defers a settlement puts it on top, so it runs before this
-      // settlement's next entry.
-      if (top->entries->runNext(top->settlement)) continue;
-      top->settlement.flush();
-      tDeferred = top->below;
-      delete top;
+    while (entries.runNext(settlement)) {
+      while (DeferredSettlement* top = deferred) {
+        // An entry that defers a settlement puts it on top, so it runs before this
+        // settlement's next entry.
+        if (top->entries.runNext(top->settlement)) continue;
+        top->settlement.flush();
+        deferred = top->below;
+        delete top;
+      }
     }
   } catch (...) {
     // As the exception would unwind nested settlements: what they had not run is
     // dropped.
-    while (DeferredSettlement* top = tDeferred) {
-      tDeferred = top->below;
+    while (DeferredSettlement* top = deferred) {
+      deferred = top->below;
       delete top;
     }
     throw;
   }
+  settlement.flush();
 }
 
 void PRMResolve(PRMPromise* promise, const Id& value) {

@@ -453,7 +453,6 @@ class PRMPromise final : public Object {
   static PRMHandlerList takeEntries(PRMPromise* promise, promise_internal::Settlement& settlement);
   // A settlement nested too deep on this thread, kept to be run by the one below.
   struct DeferredSettlement;
-  static void runDeferredSettlements();
   // Settles `promise` unless settled (the resolver's rule), from engine code.
   static void resolveIfPending(PRMPromise* promise, const Id& value);
   // resolveIfPending as the last thing a queued step does: the next step's task may
