@@ -78,13 +78,6 @@ void PRMHandlerList::runAll(Settlement& settlement) {
   settlement.flush();
 }
 
-bool PRMHandlerList::runNext(Settlement& settlement) {
-  if (!first_) return false;
-  Waiter* w = std::exchange(first_, first_->next);
-  w->runWith(settlement);
-  return true;
-}
-
 // ---- The object.
 
 void PRMPromise::init() {
@@ -170,7 +163,8 @@ PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
   return PRMPromise::exchangeResult(promise, PRMSanitizeResult(value).leak());
 }
 
-PRMHandlerList PRMPromise::takeEntries(PRMPromise* promise, Settlement& settlement) {
+[[gnu::always_inline]] inline PRMHandlerList PRMPromise::takeEntries(PRMPromise* promise,
+                                                                     Settlement& settlement) {
   // The slot's reference and those the entries will keep are taken in one step, once
   // the exchange has handed the entries to this thread. Until then the caller's own
   // reference keeps the value alive.

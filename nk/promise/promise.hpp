@@ -487,6 +487,13 @@ class PRMPromise final : public Object {
   promise_internal::Waiter* former_ = nullptr;
 };
 
+inline bool PRMHandlerList::runNext(promise_internal::Settlement& settlement) {
+  if (!first_) return false;
+  promise_internal::Waiter* w = std::exchange(first_, first_->next);
+  w->runWith(settlement);
+  return true;
+}
+
 // Inline: aggregates call these once per member.
 inline Id PRMGetResult(const PRMPromise* promise) {
   // Content once stored lives as long as the promise (FormerContent).
