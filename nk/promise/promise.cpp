@@ -183,7 +183,7 @@ PRMHandlerList PRMSetResult(PRMPromise* promise, const Id& value) {
 // entries, the newest first and one entry at a time, which keeps the order nesting
 // gives while the stack stays bounded.
 namespace {
-constexpr int kNestedSettlements = 64;
+constexpr int kNestedSettlements = 32;
 thread_local int tSettling = 0;
 
 struct SettlingDepth {
