@@ -541,6 +541,13 @@ MutableString::MutableString(const String* initial) {
 
 void MutableString::append(const String* other) {
   if (!other) return;
+  if (other == this) {
+    // Resizing would free the units being read.
+    buffer_.reserve(2 * buffer_.size());
+    buffer_.insert(buffer_.end(), buffer_.begin(), buffer_.end());
+    sync();
+    return;
+  }
   size_t old = buffer_.size();
   buffer_.resize(old + other->length());
   other->getCharacters(buffer_.data() + old, 0, other->length());

@@ -173,6 +173,13 @@ TEST(MutableString, Editing) {
   EXPECT_THROW(m->deleteCharacters(3, 2), ThrownObject);
   m->setString(nullptr);
   EXPECT_TRUE(m->isEmpty());
+  // Appending itself, short and long enough to move its storage.
+  m->appendUTF8("ab");
+  m->append(m.get());
+  EXPECT_EQ(m->utf8(), "abab");
+  m->setString(String::fromUTF8(std::string(100, 'x')).get());
+  m->append(m.get());
+  EXPECT_EQ(m->utf8(), std::string(200, 'x'));
 }
 
 }  // namespace
