@@ -1,6 +1,7 @@
 // The printf-style formatter with %@, shared by every text the library builds.
 #include "nk/foundation/format.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -104,7 +105,10 @@ void appendText(std::string& out, const FormatArg& a, const Directive& directive
     text = "(null)";
   }
   if (directive.precision >= 0 && text.size() > static_cast<size_t>(directive.precision)) {
-    text.resize(static_cast<size_t>(directive.precision));
+    // Cut before a character rather than inside it.
+    size_t cut = static_cast<size_t>(directive.precision);
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    text.resize(cut);
   }
   appendPadded(out, text, directive);
 }
@@ -143,6 +147,13 @@ void appendCharacter(std::string& out, const FormatArg& a, const Directive& dire
 
 }  // namespace
 
+Ref<String> format_internal::toString(std::string_view utf8) {
+  if (Ref<String> text = String::fromUTF8(utf8)) return text;
+  auto lenient = make<MutableString>();
+  lenient->appendUTF8(utf8);
+  return cast<String>(lenient->copy());
+}
+
 std::string vformatUTF8(std::string_view fmt, std::span<const FormatArg> args) {
   std::string out;
   out.reserve(fmt.size() + 16 * args.size());
@@ -160,7 +171,8 @@ std::string vformatUTF8(std::string_view fmt, std::span<const FormatArg> args) {
     while (i < fmt.size() && std::strchr("-+ #0'", fmt[i])) directive.flags.push_back(fmt[i++]);
     if (i < fmt.size() && fmt[i] == '*') {
       const FormatArg* w = take();
-      directive.width = w ? static_cast<int>(asSigned(*w)) : -1;
+      // Bounded as a written width is, before the sign is taken off.
+      directive.width = w ? static_cast<int>(std::clamp<int64_t>(asSigned(*w), -4096, 4096)) : -1;
       if (directive.width < 0 && w) {
         directive.flags.push_back('-');
         directive.width = -directive.width;
@@ -177,7 +189,8 @@ std::string vformatUTF8(std::string_view fmt, std::span<const FormatArg> args) {
       directive.precision = 0;
       if (i < fmt.size() && fmt[i] == '*') {
         const FormatArg* p = take();
-        directive.precision = p ? static_cast<int>(asSigned(*p)) : -1;
+        directive.precision =
+            p ? static_cast<int>(std::clamp<int64_t>(asSigned(*p), -1, 4096)) : -1;
         ++i;
       } else {
         while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {

@@ -55,6 +55,11 @@ struct FormatArg {
 // Formats into UTF-8 from a list of arguments.
 std::string vformatUTF8(std::string_view format, std::span<const FormatArg> args);
 
+namespace format_internal {
+// The formatted text as a string, malformed bytes as U+FFFD.
+Ref<String> toString(std::string_view utf8);
+}  // namespace format_internal
+
 // Formats into UTF-8, e.g. nk::formatUTF8("%s: %ld", name, 3L).
 template <class... Args>
 std::string formatUTF8(std::string_view fmt, const Args&... args) {
@@ -62,10 +67,11 @@ std::string formatUTF8(std::string_view fmt, const Args&... args) {
   return vformatUTF8(fmt, std::span<const FormatArg>(list, sizeof...(Args)));
 }
 
-// Formats into a new string, e.g. nk::format("%@ (%ld)", name, 3L).
+// Formats into a new string, e.g. nk::format("%@ (%ld)", name, 3L). Bytes of a %s
+// argument that are not UTF-8 become U+FFFD rather than losing the whole text.
 template <class... Args>
 Ref<String> format(std::string_view fmt, const Args&... args) {
-  return String::fromUTF8(formatUTF8(fmt, args...));
+  return format_internal::toString(formatUTF8(fmt, args...));
 }
 
 }  // namespace nk

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <climits>
 #include <vector>
 
 #include "nk/foundation/log.hpp"
@@ -20,6 +21,10 @@ TEST(Format, ObjectsAndText) {
   EXPECT_EQ(format("%s and %s", "c-text", std::string("std"))->utf8(), "c-text and std");
   EXPECT_EQ(format("%5s|%-5s|", "ab", "cd")->utf8(), "   ab|cd   |");
   EXPECT_EQ(format("100%% %@", NK_STR("done"))->utf8(), "100% done");
+  // Text that is not UTF-8 costs its own bytes, not the whole line; a precision
+  // cuts between characters.
+  EXPECT_EQ(format("name: %s", "caf\xE9")->utf8(), "name: caf\xEF\xBF\xBD");
+  EXPECT_EQ(format("%.3s|", "\xC3\xA9\xC3\xA9")->utf8(), "\xC3\xA9|");
 }
 
 TEST(Format, Integers) {
@@ -41,8 +46,11 @@ TEST(Format, MissingAndUnknown) {
   // A directive without an argument prints nothing; unknown directives stay.
   EXPECT_EQ(format("a%db")->utf8(), "ab");
   EXPECT_EQ(format("%k %", 1)->utf8(), "%k %");
-  // A hostile width is bounded instead of allocating without limit.
+  // A hostile width or precision is bounded instead of allocating without limit,
+  // given in the text or as an argument.
   EXPECT_LE(format("%999999999d", 1)->length(), 4097u);
+  EXPECT_LE(format("%*d", INT_MIN, 1)->length(), 4097u);
+  EXPECT_LE(format("%.*f", 2000000000, 1.0)->length(), 4100u);
 }
 
 TEST(Log, SinkReceivesTheMessage) {
