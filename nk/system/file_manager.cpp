@@ -110,15 +110,22 @@ void setSchemeError(Ref<Error>* out, const URL* url, bool writing) {
                      info);
 }
 
-// The file-system path of a file URL; nullopt for other URLs.
+// The file-system path of `path`, or "" (no such file) when it has none. The system
+// would cut a path at a NUL: "cache/..\0x" would name the folder above the cache.
+std::string pathOf(const String* path) {
+  if (!path) return std::string();
+  std::string bytes = path->utf8();
+  if (bytes.find('\0') != std::string::npos) return std::string();
+  return bytes;
+}
+
+// The file-system path of a file URL, as above; nullopt for other URLs.
 std::optional<std::string> pathOf(const URL* url) {
   if (!url || !url->isFileURL()) return std::nullopt;
   auto path = url->path();
   if (!path || path->isEmpty()) return std::nullopt;
-  return path->utf8();
+  return pathOf(path.get());
 }
-
-std::string pathOf(const String* path) { return path ? path->utf8() : std::string(); }
 
 bool isDirectoryAt(int folderFd, const std::string& name) {
   struct stat st;
@@ -281,9 +288,9 @@ bool FileManager::fileExistsAtPath(const String* path) const {
 }
 
 bool FileManager::fileExistsAtPath(const String* path, bool* isDirectory) const {
-  if (!path || path->isEmpty()) return false;
+  const std::string target = pathOf(path);
   struct stat st;
-  if (::stat(path->utf8().c_str(), &st) != 0) return false;
+  if (target.empty() || ::stat(target.c_str(), &st) != 0) return false;
   if (isDirectory) *isDirectory = S_ISDIR(st.st_mode);
   return true;
 }

@@ -176,6 +176,16 @@ TEST(FileManagerRemove, NeverFollowsLinks) {
   EXPECT_FALSE(exists(dir / "dangling"));
   EXPECT_FALSE(fm()->removeItemAtPath(S(dir / "missing").get(), &error));
   EXPECT_EQ(codeOf(error), kFileNoSuchFileError);
+  // A NUL in a path names no file: the system would read "tree2/..\0x" as the
+  // folder above tree2.
+  writeFile(dir / "tree2/file", "x");
+  const std::string withNul = dir / "tree2/.." + std::string(1, '\0') + "x";
+  EXPECT_FALSE(fm()->fileExistsAtPath(S(withNul).get()));
+  EXPECT_FALSE(fm()->removeItemAtPath(S(withNul).get(), &error));
+  EXPECT_EQ(codeOf(error), kFileNoSuchFileError);
+  EXPECT_FALSE(fm()->removeItemAtURL(URL::fileURLWithPath(S(withNul).get(), false).get(), nullptr));
+  EXPECT_TRUE(exists(dir / "outside/keep.txt"));
+  EXPECT_TRUE(exists(dir / "tree2/file"));
 }
 
 TEST(FileManagerRemove, ReportsTheItemThatCannotGo) {
