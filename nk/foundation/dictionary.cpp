@@ -18,10 +18,19 @@ NK_DEFINE_CLASS(MutableDictionary, "MutableDictionary");
 namespace collection_internal {
 namespace {
 
+// A value that differs between processes: the address of this object, which the
+// loader places at random. Known from the start, so every index ever built uses it.
+const char kIndexSeed = 0;
+
 // Fibonacci hashing spreads weak hashes (numbers hash to their value, arrays to
-// their count) over the whole index.
+// their count) over the whole index. The seed keeps the slots out of reach of
+// input crafted to pile its keys into one run of the index, which would make
+// reading it quadratic: hashes themselves are fixed and easy to invert.
 inline size_t slotFor(size_t hash, uint32_t shift) noexcept {
-  return static_cast<size_t>((static_cast<uint64_t>(hash) * 0x9E3779B97F4A7C15ull) >> shift);
+  static_assert(sizeof(uintptr_t) == sizeof(uint64_t));
+  const uint64_t seed = reinterpret_cast<uintptr_t>(&kIndexSeed) * 0xD6E8FEB86659FD93ull;
+  return static_cast<size_t>(((static_cast<uint64_t>(hash) ^ seed) * 0x9E3779B97F4A7C15ull) >>
+                             shift);
 }
 inline uint32_t tagFor(size_t hash) noexcept {
   const uint64_t h = hash;
