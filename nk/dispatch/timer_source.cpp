@@ -57,8 +57,12 @@ class TimerSource::State final : public dispatch_internal::TimerClient,
     if (suspendCount_ == 0)
       dispatch_internal::fatal("TimerSource resumed more often than suspended");
     if (--suspendCount_ == 0) {
+      if (missed_ && !inFlight_) {
+        // The kept call also stands for a firing that came due while suspended.
+        if (next_.ns != Deadline::kNever && next_.ns <= nowLocked()) advanceLocked();
+        postHandlerLocked();
+      }
       armLocked();
-      if (missed_ && !inFlight_) postHandlerLocked();
     }
   }
 
@@ -84,18 +88,7 @@ class TimerSource::State final : public dispatch_internal::TimerClient,
   void fire(uint64_t generation) override {
     std::lock_guard lock(mutex_);
     if (generation != generation_ || cancelled_ || suspendCount_ != 0) return;
-    if (intervalNs_ > 0) {
-      // Skip the firings already missed; they are merged into this one.
-      int64_t now =
-          next_.wall ? dispatch_internal::wallNowNs() : dispatch_internal::monotonicNowNs();
-      next_.ns = dispatch_internal::saturatingAdd(next_.ns, intervalNs_);
-      if (next_.ns <= now) {
-        int64_t behind = (now - next_.ns) / intervalNs_ + 1;
-        next_.ns = dispatch_internal::saturatingAdd(next_.ns, behind * intervalNs_);
-      }
-    } else {
-      next_.ns = Deadline::kNever;
-    }
+    advanceLocked();
     armLocked();
     if (inFlight_) {
       missed_ = true;
@@ -105,6 +98,25 @@ class TimerSource::State final : public dispatch_internal::TimerClient,
   }
 
  private:
+  int64_t nowLocked() const {
+    return next_.wall ? dispatch_internal::wallNowNs() : dispatch_internal::monotonicNowNs();
+  }
+
+  // Moves the deadline past the firing being made. A repeating timer skips the ones
+  // already missed, which are merged into it; a one-shot timer has none left.
+  void advanceLocked() {
+    if (intervalNs_ == 0) {
+      next_.ns = Deadline::kNever;
+      return;
+    }
+    const int64_t now = nowLocked();
+    next_.ns = dispatch_internal::saturatingAdd(next_.ns, intervalNs_);
+    if (next_.ns <= now) {
+      int64_t behind = (now - next_.ns) / intervalNs_ + 1;
+      next_.ns = dispatch_internal::saturatingAdd(next_.ns, behind * intervalNs_);
+    }
+  }
+
   void armLocked() {
     ++generation_;
     if (!cancelled_ && suspendCount_ == 0 && next_.ns != Deadline::kNever) {

@@ -98,6 +98,36 @@ TEST(TimerSource, RepeatsMergingBusyFiringsUntilCancelledThenRunsCancelHandlerLa
   EXPECT_FALSE(cancelHandlerRan.waitFor(10ms));
 }
 
+TEST(TimerSource, AFiringKeptWhileSuspendedIsTheOnlyCallOnResume) {
+  // The first call is posted, then the timer is suspended before it runs, and the
+  // next firing comes due while it stays suspended: resuming makes one call for both.
+  Queue queue = Queue::serial("nk.test.timer.kept");
+  Semaphore holding, release, called;
+  queue.async([&] {
+    holding.signal();
+    release.wait();
+  });
+  ASSERT_TRUE(holding.waitFor(kPatience));
+  TimerSource timer(queue);
+  std::atomic<int> calls{0};
+  timer.setEventHandler([&] {
+    calls.fetch_add(1);
+    called.signal();
+  });
+  timer.setTimer(TimerStart::now(), 1s, 0ns);
+  timer.resume();
+  std::this_thread::sleep_for(50ms);  // the first firing waits behind the held task
+  timer.suspend();
+  release.signal();
+  std::this_thread::sleep_for(1100ms);  // the second comes due, suspended
+  EXPECT_EQ(calls.load(), 0);
+  timer.resume();
+  ASSERT_TRUE(called.waitFor(kPatience));
+  std::this_thread::sleep_for(200ms);  // the third is due a second after the first
+  EXPECT_EQ(calls.load(), 1);
+  timer.cancel();
+}
+
 TEST(TimerSource, StartsAtAWallClockTime) {
   TimerSource timer(Queue::global());
   Semaphore fired;
