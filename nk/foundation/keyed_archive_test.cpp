@@ -276,6 +276,15 @@ TEST(KeyedArchive, ObjectsThatCannotBeArchivedFail) {
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), kCoderInvalidValueError);
   EXPECT_NE(error->description()->utf8().find("'Error'"), std::string::npos);
+  // A container inside itself would give an archive that cannot be read back.
+  auto cyclic = make<MutableArray>();
+  cyclic->addObject(Array::make({NK_STR("x")}));
+  cyclic->addObject(cyclic);
+  error = nullptr;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(cyclic.get(), false, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), kCoderInvalidValueError);
+  cyclic->removeAllObjects();  // the cycle would keep it alive
 }
 
 TEST(KeyedArchive, CorruptArchivesDecodeToNil) {

@@ -67,7 +67,15 @@ bool isInlineScalar(const Object& object) {
 
 uint64_t KeyedArchiver::State::encode(const Object* object) {
   if (!object || error) return 0;
-  if (auto found = uids.find(object); found != uids.end()) return found->second;
+  if (auto found = uids.find(object); found != uids.end()) {
+    // Met again while its own body is being filled: the unarchiver refuses such
+    // an archive, so it is not written.
+    if (!objects[found->second]) {
+      fail("Objects that contain themselves cannot be archived.");
+      return 0;
+    }
+    return found->second;
+  }
   uint64_t uid = objects.size();
   uids.emplace(object, uid);
   retained.emplace_back(const_cast<Object*>(object));
