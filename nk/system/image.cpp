@@ -24,7 +24,13 @@ bool startsWith(std::span<const uint8_t> bytes, std::string_view magic, size_t a
 
 struct LoadState {
   bool refused = false;
+  int rowsDecoded = 0;  // the end of the lowest area the decoder has filled
 };
+
+void onAreaUpdated(GdkPixbufLoader*, gint, gint y, gint, gint height, gpointer user) {
+  auto* state = static_cast<LoadState*>(user);
+  state->rowsDecoded = std::max(state->rowsDecoded, y + height);
+}
 
 void onSizePrepared(GdkPixbufLoader* loader, gint width, gint height, gpointer user) {
   auto* state = static_cast<LoadState*>(user);
@@ -151,6 +157,7 @@ Ref<Image> Image::fromBytes(std::span<const uint8_t> bytes) {
   }
   LoadState state;
   g_signal_connect(loader, "size-prepared", G_CALLBACK(onSizePrepared), &state);
+  g_signal_connect(loader, "area-updated", G_CALLBACK(onAreaUpdated), &state);
 
   bool ok = true;
   for (size_t at = 0; ok && at < bytes.size(); at += kSlice) {
@@ -165,6 +172,10 @@ Ref<Image> Image::fromBytes(std::span<const uint8_t> bytes) {
 
   Ref<Image> image;
   GdkPixbuf* pixbuf = ok ? gdk_pixbuf_loader_get_pixbuf(loader) : nullptr;
+  // A PNG whose data stream ends early, though whole, leaves its last rows as filler.
+  if (pixbuf != nullptr && type == "png" && state.rowsDecoded < gdk_pixbuf_get_height(pixbuf)) {
+    pixbuf = nullptr;
+  }
   if (pixbuf != nullptr && gdk_pixbuf_get_colorspace(pixbuf) == GDK_COLORSPACE_RGB &&
       gdk_pixbuf_get_bits_per_sample(pixbuf) == 8) {
     const int channels = gdk_pixbuf_get_n_channels(pixbuf);

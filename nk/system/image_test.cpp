@@ -133,6 +133,8 @@ TEST(Image, RefusesBrokenInput) {
   std::vector<uint8_t> png = s.png2x2;
   png[29] ^= 0xFF;
   EXPECT_FALSE(Image::fromBytes(png));
+  // Every chunk whole, but the pixel data holds two rows of four.
+  EXPECT_FALSE(Image::fromBytes(corpusFile("rows_missing_4x4.png")));
   EXPECT_FALSE(Image::fromData(nullptr));
   EXPECT_FALSE(Image::fromData(Data::empty().get()));
 }
