@@ -522,6 +522,19 @@ TEST_F(NkutilUpkeep, ClearOneSubfolderLeavesTheRest) {
   EXPECT_TRUE(exists(outside_ + "/keep"));
 }
 
+TEST_F(NkutilUpkeep, ASubfolderMustBeANonEmptyUTF8Name) {
+  // The library reads a missing folder name as the whole cache.
+  for (const std::string name : {"", "\xFF"}) {
+    Outcome o = run({"cache", "clear", name});
+    EXPECT_EQ(o.exitCode, 2) << name;
+    EXPECT_EQ(o.out, "");
+    EXPECT_THAT(o.err,
+                MatchesRegex("nkutil: SUBFOLDER: [^\n]+ \\(see nkutil cache clear --help\\)\\.\n"));
+  }
+  EXPECT_TRUE(exists(cache() + "/many/599"));
+  EXPECT_TRUE(exists(cache() + "/.hidden"));
+}
+
 TEST_F(NkutilUpkeep, SweepAndLogsClear) {
   Outcome sweep = run({"cache", "sweep"});
   ASSERT_EQ(sweep.exitCode, 0) << sweep.err;

@@ -10,6 +10,7 @@
 
 #include "nk/foundation/url.hpp"
 #include "nk/storage/file_system_helper.hpp"
+#include "tools/nkutil/arguments.hpp"
 #include "tools/nkutil/commands.hpp"
 #include "tools/nkutil/folder_contents.hpp"
 #include "tools/nkutil/folder_progress.hpp"
@@ -134,6 +135,7 @@ void addUpkeepCommands(CLI::App& app, CommandAction& action) {
   clear
       ->add_option("SUBFOLDER", clearOptions->subfolder,
                    "A folder directly in the cache, such as download")
+      ->check(utf8Text())
       ->check(checkSubfolder);
   addUpkeep(*cache, "sweep", "Remove everything in the cache, retrying failed removals", action,
             runCacheSweep, std::make_shared<UpkeepOptions>());
