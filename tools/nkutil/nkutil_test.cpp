@@ -515,10 +515,17 @@ TEST_F(NkutilUpkeep, ClearOneSubfolderLeavesTheRest) {
   EXPECT_FALSE(exists(cache() + "/download/Queue"));
   EXPECT_TRUE(exists(cache() + "/images/a.png"));
 
-  // A subfolder that is a link is not followed: nothing goes.
-  Outcome link = run({"cache", "clear", "outside"});
-  ASSERT_EQ(link.exitCode, 0) << link.err;
-  EXPECT_EQ(link.out, "Removed 0 entries (Zero KB) from " + cache() + "/outside.\n");
+  // A name that is missing, a file, or a link (never followed) names no folder.
+  for (const std::string name : {"nosuch", ".hidden", "outside"}) {
+    for (const auto& args : {std::vector<std::string>{"cache", "clear", name},
+                             std::vector<std::string>{"cache", "clear", name, "--dry-run"}}) {
+      Outcome absent = run(args);
+      EXPECT_EQ(absent.exitCode, 1) << name;
+      EXPECT_EQ(absent.out, "") << name;
+      EXPECT_EQ(absent.err, "nkutil: There is no folder " + name + " in the cache.\n");
+    }
+  }
+  EXPECT_TRUE(exists(cache() + "/.hidden"));
   EXPECT_TRUE(exists(outside_ + "/keep"));
 }
 

@@ -1,6 +1,8 @@
 // nkutil cache clear | cache sweep | logs clear: the library's upkeep of the cache and
 // of the logs waiting for upload, with a listing of what is there before and after so
 // that people see what went and what stayed.
+#include <sys/stat.h>
+
 #include <CLI/App.hpp>
 #include <cstdio>
 #include <functional>
@@ -82,8 +84,14 @@ int runCacheClear(const UpkeepOptions& options) {
   Ref<URL> folder = NKFileSystemHelper::getNorvikCacheDir();
   if (!folder) return fail("There is no cache folder: the home folder is not set.");
   Ref<String> subfolder = String::fromUTF8(options.subfolder);
-  if (!options.subfolder.empty())
+  if (!options.subfolder.empty()) {
     folder = folder->URLByAppendingPathComponent(subfolder.get(), true);
+    // The library reports success when there is nothing to clear, even for a name
+    // mistyped or a symbolic link, which it does not follow.
+    struct stat st;
+    if (::lstat(pathOf(folder).c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+      return fail("There is no folder " + options.subfolder + " in the cache.");
+  }
   return runUpkeep(pathOf(folder), options.dryRun, [&subfolder] {
     return NKFileSystemHelper::clearCacheDirWithSubdirectory(subfolder.get());
   });
