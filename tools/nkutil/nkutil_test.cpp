@@ -671,6 +671,13 @@ TEST_F(Nkutil, UsageErrorsExitTwo) {
       {"secret", "set", "k"},
       {"secret", "set", "k", "v", "--from-json", "1"},
       {"secret", "--backend", "vault", "get", "k"},
+      // names and text the library would take as nil
+      {"secret", "set", "k", "\xFF"},
+      {"secret", "set", "\xFF", "v"},
+      {"secret", "get", ""},
+      {"secret", "delete", "\xC3"},
+      {"paths", "--group", ""},
+      {"paths", "--group", "group.\xFF"},
       {"reach", "a.example", "b.example"},
   };
   for (const auto& args : cases) {

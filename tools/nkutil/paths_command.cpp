@@ -5,6 +5,7 @@
 
 #include "nk/foundation/url.hpp"
 #include "nk/storage/file_system_helper.hpp"
+#include "tools/nkutil/arguments.hpp"
 #include "tools/nkutil/commands.hpp"
 #include "tools/nkutil/output.hpp"
 #include "tools/nkutil/storage_instances.hpp"
@@ -55,9 +56,11 @@ void addPathsCommand(CLI::App& app, CommandAction& action) {
   CLI::App* paths =
       app.add_subcommand("paths", "Every folder of the storage layout, for each storage instance");
   auto options = std::make_shared<PathsOptions>();
-  paths->add_option("--group", options->group,
-                    "Configure every instance with this application group, whose container "
-                    "becomes their base (and is made, as in the client)");
+  paths
+      ->add_option("--group", options->group,
+                   "Configure every instance with this application group, whose container "
+                   "becomes their base (and is made, as in the client)")
+      ->check(utf8Text());
   addJsonFlag(*paths, options->json);
   paths->callback([&action, options] { action = [options] { return runPaths(*options); }; });
 }

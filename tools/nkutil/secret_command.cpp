@@ -12,6 +12,7 @@
 #include "nk/foundation/json_reader.hpp"
 #include "nk/keychain/keychain_utils.hpp"
 #include "nk/system/bundle.hpp"
+#include "tools/nkutil/arguments.hpp"
 #include "tools/nkutil/commands.hpp"
 #include "tools/nkutil/output.hpp"
 #include "tools/nkutil/read_input.hpp"
@@ -96,7 +97,7 @@ CLI::App* addSecretSubcommand(CLI::App& secret, const char* name, const char* de
                               CommandAction& action, int (*run)(const SecretOptions&),
                               const std::shared_ptr<SecretOptions>& options) {
   CLI::App* command = secret.add_subcommand(name, description);
-  command->add_option("KEY", options->key, "The name of the secret")->required();
+  command->add_option("KEY", options->key, "The name of the secret")->required()->check(utf8Text());
   // --backend may come after the subcommand too.
   command->fallthrough();
   command->callback([&action, run, options] {
@@ -128,7 +129,8 @@ void addSecretCommands(CLI::App& app, CommandAction& action) {
 
   CLI::App* set = addSecretSubcommand(
       *secret, "set", "Keep a value under KEY, replacing what was there", action, runSet, options);
-  CLI::Option* text = set->add_option("VALUE", options->value, "The value, as text");
+  CLI::Option* text =
+      set->add_option("VALUE", options->value, "The value, as text")->check(utf8Text(true));
   CLI::Option* json =
       set->add_option("--from-json", options->value, "The value, as a JSON document or lone value");
   CLI::Option* file = set->add_option("--from-file", options->value,
