@@ -7,6 +7,7 @@
 #include <exception>
 #include <string>
 
+#include "nk/foundation/log.hpp"
 #include "nk/foundation/version.hpp"
 #include "tools/nkutil/commands.hpp"
 #include "tools/nkutil/output.hpp"
@@ -23,6 +24,14 @@ std::string commandPath(const CLI::App& app) {
   return path;
 }
 
+// Lets the application's own options, such as --verbose, come after any subcommand.
+void passUnknownOptionsUp(CLI::App& app) {
+  for (CLI::App* sub : app.get_subcommands({})) {
+    sub->fallthrough();
+    passUnknownOptionsUp(*sub);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -32,6 +41,8 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string(nk::libraryVersion()),
                        "Print the library version and exit");
   app.require_subcommand(0, 1);
+  bool verbose = false;
+  app.add_flag("--verbose", verbose, "Also write the library's log messages to standard error");
   // Subcommands take the footer the application has when they are added.
   const std::string exitStatus =
       "Exit status: 0 done, 1 what was asked about is absent or failed, 2 the command line is "
@@ -48,6 +59,7 @@ int main(int argc, char** argv) {
   addSecretCommands(app, action);
   addReachCommand(app, action);
   app.footer("Without a command, nkutil shows the status. " + exitStatus);
+  passUnknownOptionsUp(app);
 
   try {
     app.parse(argc, argv);
@@ -59,6 +71,9 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
 
+  // The library logs what a long-running client wants on record, such as where the
+  // secret store keeps items; in a one-off command it would only blur the answer.
+  if (!verbose) nk::setLogSink([](std::string_view) {});
   try {
     return action ? action() : runStatus(false);
   } catch (const std::exception& e) {

@@ -562,10 +562,19 @@ TEST_F(NkutilUpkeep, SweepAndLogsClear) {
 
 TEST_F(Nkutil, SecretsRoundTripThroughTheFileStore) {
   {  // text, chosen with --backend before or after the subcommand
-    EXPECT_EQ(run({"secret", "--backend", "file", "set", "token", "s3cret value"}).exitCode, 0);
+    Outcome set = run({"secret", "--backend", "file", "set", "token", "s3cret value"});
+    EXPECT_EQ(set.exitCode, 0);
+    EXPECT_EQ(set.err, "");  // the library's log, only with --verbose
     Outcome got = run({"secret", "get", "token", "--backend", "file"});
     ASSERT_EQ(got.exitCode, 0) << got.err;
     EXPECT_EQ(got.out, "s3cret value\n");
+    EXPECT_EQ(got.err, "");
+    for (const auto& args : {std::vector<std::string>{"--verbose", "secret", "get", "token"},
+                             std::vector<std::string>{"secret", "get", "token", "--verbose"}}) {
+      Outcome verbose = run(args);
+      EXPECT_EQ(verbose.out, got.out);
+      EXPECT_THAT(verbose.err, HasSubstr("Keychain: items are kept in the file store"));
+    }
     EXPECT_EQ(run({"secret", "--backend", "file", "get", "--json", "token"}).out,
               "\"s3cret value\"\n");
   }
