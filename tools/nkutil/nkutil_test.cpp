@@ -487,13 +487,14 @@ TEST_F(NkutilUpkeep, WhatCannotBeRemovedIsNamed) {
       ::mount("tmpfs", busy.c_str(), "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "mounting needs root";
   }
-  writeFile(busy + "/inside", "gone");
+  writeFile(busy + "/inside", std::string(1000, 'g'));
 
+  // What went from inside the mount counts as removed.
   Outcome clear = run({"cache", "clear"});
   EXPECT_EQ(clear.exitCode, 1);
-  EXPECT_EQ(clear.out, "Removed 608 entries (3 KB) from " + cache() + ".\nCould not remove " +
+  EXPECT_EQ(clear.out, "Removed 609 entries (4 KB) from " + cache() + ".\nCould not remove " +
                            busy + "  (Zero KB).\n");
-  EXPECT_EQ(clear.err, "nkutil: 1 of 6 entries could not be removed.\n");
+  EXPECT_EQ(clear.err, "nkutil: 1 of 610 entries could not be removed.\n");
   EXPECT_FALSE(exists(busy + "/inside"));
 
   // The sweep retries, then gives up the same way.
@@ -501,9 +502,9 @@ TEST_F(NkutilUpkeep, WhatCannotBeRemovedIsNamed) {
   writeFile(cache() + "/new", "n");
   Outcome sweep = run({"cache", "sweep"});
   EXPECT_EQ(sweep.exitCode, 1);
-  EXPECT_EQ(sweep.out, "Removed 1 entry (1 byte) from " + cache() + ".\nCould not remove " + busy +
-                           "  (Zero KB).\n");
-  EXPECT_EQ(sweep.err, "nkutil: 1 of 2 entries could not be removed.\n");
+  EXPECT_EQ(sweep.out, "Removed 2 entries (5 bytes) from " + cache() + ".\nCould not remove " +
+                           busy + "  (Zero KB).\n");
+  EXPECT_EQ(sweep.err, "nkutil: 1 of 3 entries could not be removed.\n");
   EXPECT_FALSE(exists(busy + "/inside"));
   ::umount(busy.c_str());
 }

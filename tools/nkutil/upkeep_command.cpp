@@ -54,25 +54,27 @@ int runUpkeep(const std::string& folder, bool dryRun, const std::function<bool()
     FolderProgress progress(folder, before.totalEntries());
     succeeded = remove();
   }
-  // What stayed is shown as it is now; what went, as it was.
+  // What stayed is shown as it is now, leaving out what appeared meanwhile. A folder
+  // that stayed may have lost part of what it held: that part counts as removed.
   const FolderContents after = listFolder(folder);
-  std::set<std::string> seen, left;
+  std::set<std::string> seen;
   for (const FolderEntry& entry : before.entries) seen.insert(entry.path);
-  for (const FolderEntry& entry : after.entries) left.insert(entry.path);
-  FolderContents removed, kept;
-  for (const FolderEntry& entry : before.entries)
-    if (!left.contains(entry.path)) removed.entries.push_back(entry);
+  FolderContents kept;
   for (const FolderEntry& entry : after.entries)
     if (seen.contains(entry.path)) kept.entries.push_back(entry);
+  const auto less = [](uint64_t total, uint64_t part) { return total > part ? total - part : 0; };
 
   std::printf("Removed %s from %s.\n",
-              countText(removed.totalEntries(), removed.totalBytes()).c_str(), folder.c_str());
+              countText(less(before.totalEntries(), kept.totalEntries()),
+                        less(before.totalBytes(), kept.totalBytes()))
+                  .c_str(),
+              folder.c_str());
   for (const FolderEntry& entry : kept.entries)
     std::printf("Could not remove %s.\n", entryText(entry).c_str());
   if (std::fflush(stdout) != 0) return fail("Standard output cannot be written.");
   if (!kept.entries.empty()) {
-    return fail(std::to_string(kept.entries.size()) + " of " +
-                std::to_string(before.entries.size()) + " entries could not be removed.");
+    return fail(std::to_string(kept.totalEntries()) + " of " +
+                std::to_string(before.totalEntries()) + " entries could not be removed.");
   }
   if (!succeeded) return fail("Some entries could not be removed at the first attempt.");
   return kExitDone;
