@@ -643,8 +643,10 @@ TEST_F(Nkutil, ReachOnLoopback) {
     EXPECT_EQ(line(o.out, "status"), "not reachable");
     EXPECT_EQ(o.err, "");
   }
-  {  // --watch prints the answer now and ends cleanly when interrupted
-    Started watching = start({"reach", "--watch", "--json", "127.0.0.1"});
+  // --watch prints the answer now (for a name, once it has resolved) and ends cleanly
+  // when interrupted
+  for (const char* target : {"127.0.0.1", "localhost"}) {
+    Started watching = start({"reach", "--watch", "--json", target});
     ASSERT_GT(watching.pid, 0);
     Outcome first;
     pollfd ready{watching.out, POLLIN, 0};
@@ -658,7 +660,8 @@ TEST_F(Nkutil, ReachOnLoopback) {
     EXPECT_EQ(all.exitCode, 0) << all.err;
     EXPECT_EQ(all.err, "");
     EXPECT_THAT(all.out, MatchesRegex("\\{\"time\":\"[-0-9T:+]+\",\"reachable\":true,"
-                                      "\"connectionRequired\":false\\}\n"));
+                                      "\"connectionRequired\":false\\}\n"))
+        << target;
   }
 }
 

@@ -153,8 +153,8 @@ int runReach(const ReachOptions& options) {
   Target target = targetOf(options.target);
   if (!target.monitor)
     return fail("\"" + options.target + "\" is neither a host name nor an address.");
-  if (options.watch) return watch(*target.monitor, options.json);
   if (target.isName) awaitResolution(*target.monitor);
+  if (options.watch) return watch(*target.monitor, options.json);
 
   const ReachabilityAnswer answer = reachabilityAnswer(*target.monitor);
   Report report;
