@@ -594,6 +594,7 @@ TEST_F(Nkutil, SecretsRoundTripThroughTheFileStore) {
     writeFile(home_ / "key.bin", bytes);
     ASSERT_EQ(run({"secret", "set", "blob", "--from-file", home_ / "key.bin"}).exitCode, 0);
     EXPECT_EQ(run({"secret", "get", "blob"}).out, bytes);
+    EXPECT_EQ(run({"secret", "get", "blob", "--json"}).out, "{\"base64\":\"AAH/a2V5\"}\n");
     ASSERT_EQ(run({"secret", "set", "piped", "--from-file", "-"}, home_ / "key.bin").exitCode, 0);
     EXPECT_EQ(run({"secret", "get", "piped"}).out, bytes);
   }

@@ -73,7 +73,10 @@ int runGet(const SecretOptions& options) {
   if (!value)
     return fail("No secret is kept under " + quoted(options.key) + ", or it cannot be decoded.");
   auto bytes = cast<Data>(value);
-  if (!bytes || options.printJSON) return printValue(value, options.printJSON);
+  if (!bytes) return printValue(value, options.printJSON);
+  // JSON has no bytes: they go as Base64 text, under a key that says so.
+  if (options.printJSON)
+    return printValue(Dictionary::make({{NK_STR("base64"), bytes->base64Encoded()}}), true);
   // Bytes go out as they were stored, so that a file comes back whole.
   std::fwrite(bytes->bytes(), 1, bytes->length(), stdout);
   return std::fflush(stdout) == 0 ? kExitDone : fail("Standard output cannot be written.");
