@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "nk/foundation/array.hpp"
 #include "nk/foundation/dictionary.hpp"
 #include "nk/foundation/json_reader.hpp"
 #include "nk/foundation/null.hpp"
@@ -440,6 +441,13 @@ TEST_F(NkutilUpkeep, DryRunListsAndRemovesNothing) {
   Outcome logs = run({"logs", "clear", "--dry-run"});
   ASSERT_EQ(logs.exitCode, 0) << logs.err;
   EXPECT_EQ(logs.out, "Would remove 0 entries (Zero KB) from " + library() + "/LogsToUpload.\n");
+
+  Id json = parsed(run({"cache", "clear", "--dry-run", "--json"}));
+  EXPECT_EQ(field(json, "folder"), cache());
+  EXPECT_EQ(field(json, "dryRun"), "1");
+  EXPECT_EQ(field(json, "removedEntries"), "608");
+  EXPECT_EQ(field(json, "removedBytes"), "2607");
+  EXPECT_TRUE(exists(cache() + "/many/599"));
 }
 
 TEST_F(NkutilUpkeep, ClearRemovesEverythingButFollowsNoLink) {
@@ -506,6 +514,17 @@ TEST_F(NkutilUpkeep, WhatCannotBeRemovedIsNamed) {
                            busy + "  (Zero KB).\n");
   EXPECT_EQ(sweep.err, "nkutil: 1 of 3 entries could not be removed.\n");
   EXPECT_FALSE(exists(busy + "/inside"));
+
+  writeFile(busy + "/inside", "gone");
+  Outcome json = run({"cache", "sweep", "--json"});
+  EXPECT_EQ(json.exitCode, 1);
+  auto report = cast<Dictionary>(parsed(json));
+  ASSERT_TRUE(report);
+  EXPECT_EQ(field(report, "removedEntries"), "1");
+  auto notRemoved = cast<Array>(report->objectForKey(NK_STR("notRemoved")));
+  ASSERT_TRUE(notRemoved);
+  ASSERT_EQ(notRemoved->count(), 1u);
+  EXPECT_EQ(field(notRemoved->objectAtIndex(0), "path"), busy);
   ::umount(busy.c_str());
 }
 
@@ -557,6 +576,12 @@ TEST_F(NkutilUpkeep, SweepAndLogsClear) {
   Outcome logs = run({"logs", "clear"});
   ASSERT_EQ(logs.exitCode, 0) << logs.err;
   EXPECT_EQ(logs.out, "Removed 3 entries (9 bytes) from " + library() + "/LogsToUpload.\n");
+  EXPECT_TRUE(std::filesystem::is_empty(library() + "/LogsToUpload"));
+  writeFile(library() + "/LogsToUpload/again.log", "again\n");
+  Id json = parsed(run({"logs", "clear", "--json"}));
+  EXPECT_EQ(field(json, "dryRun"), "0");
+  EXPECT_EQ(field(json, "removedEntries"), "1");
+  EXPECT_EQ(field(json, "removedBytes"), "6");
   EXPECT_TRUE(std::filesystem::is_empty(library() + "/LogsToUpload"));
   EXPECT_TRUE(exists(library() + "/Logs/current.log"));
 }

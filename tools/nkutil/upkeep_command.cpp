@@ -9,7 +9,13 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "nk/foundation/array.hpp"
+#include "nk/foundation/dictionary.hpp"
+#include "nk/foundation/json_writer.hpp"
+#include "nk/foundation/number.hpp"
 #include "nk/foundation/url.hpp"
 #include "nk/storage/file_system_helper.hpp"
 #include "tools/nkutil/arguments.hpp"
@@ -25,6 +31,7 @@ namespace {
 struct UpkeepOptions {
   std::string subfolder;  // cache clear only; empty: the whole cache
   bool dryRun = false;
+  bool json = false;
 };
 
 std::string entryText(const FolderEntry& entry) {
@@ -38,43 +45,76 @@ std::string countText(uint64_t entries, uint64_t bytes) {
          sizeText(static_cast<int64_t>(bytes)) + ")";
 }
 
+// What an upkeep command did, or would do with --dry-run.
+struct UpkeepAnswer {
+  std::string folder;
+  bool dryRun = false;
+  uint64_t removedEntries = 0;
+  uint64_t removedBytes = 0;
+  std::vector<FolderEntry> listed;  // --dry-run: what would go
+  std::vector<FolderEntry> kept;    // what could not be removed, as it is now
+};
+
+Ref<Number> countOf(uint64_t n) { return Number::withUnsignedLongLong(n); }
+
+int printJSONAnswer(const UpkeepAnswer& answer) {
+  Ref<MutableArray> kept = MutableArray::make();
+  for (const FolderEntry& entry : answer.kept) {
+    kept->addObject(Dictionary::make({{NK_STR("path"), String::fromUTF8(entry.path)},
+                                      {NK_STR("entries"), countOf(entry.entries)},
+                                      {NK_STR("bytes"), countOf(entry.bytes)}}));
+  }
+  Ref<MutableDictionary> fields = MutableDictionary::make();
+  fields->setObjectForKey(String::fromUTF8(answer.folder), NK_STR("folder"));
+  fields->setObjectForKey(Number::withBool(answer.dryRun), NK_STR("dryRun"));
+  fields->setObjectForKey(countOf(answer.removedEntries), NK_STR("removedEntries"));
+  fields->setObjectForKey(countOf(answer.removedBytes), NK_STR("removedBytes"));
+  fields->setObjectForKey(kept, NK_STR("notRemoved"));
+  return printJSON(fields.get(), kJSONWritingPrettyPrinted);
+}
+
+int printTextAnswer(const UpkeepAnswer& answer) {
+  for (const FolderEntry& entry : answer.listed) std::printf("%s\n", entryText(entry).c_str());
+  std::printf("%s %s from %s.\n", answer.dryRun ? "Would remove" : "Removed",
+              countText(answer.removedEntries, answer.removedBytes).c_str(), answer.folder.c_str());
+  for (const FolderEntry& entry : answer.kept)
+    std::printf("Could not remove %s.\n", entryText(entry).c_str());
+  return std::fflush(stdout) == 0 ? kExitDone : fail("Standard output cannot be written.");
+}
+
 // Lists what would go, or has `remove` (the library's operation, true when it reports
 // success) empty `folder` and tells what went and what stayed.
-int runUpkeep(const std::string& folder, bool dryRun, const std::function<bool()>& remove) {
+int runUpkeep(const std::string& folder, const UpkeepOptions& options,
+              const std::function<bool()>& remove) {
   const FolderContents before = listFolder(folder);
-  if (dryRun) {
-    for (const FolderEntry& entry : before.entries) std::printf("%s\n", entryText(entry).c_str());
-    std::printf("Would remove %s from %s.\n",
-                countText(before.totalEntries(), before.totalBytes()).c_str(), folder.c_str());
-    return std::fflush(stdout) == 0 ? kExitDone : fail("Standard output cannot be written.");
+  UpkeepAnswer answer{folder, options.dryRun, before.totalEntries(), before.totalBytes(), {}, {}};
+  bool succeeded = true;
+  if (options.dryRun) {
+    answer.listed = before.entries;
+  } else {
+    {
+      FolderProgress progress(folder, before.totalEntries());
+      succeeded = remove();
+    }
+    // What stayed is shown as it is now, leaving out what appeared meanwhile. A folder
+    // that stayed may have lost part of what it held: that part counts as removed.
+    std::set<std::string> seen;
+    for (const FolderEntry& entry : before.entries) seen.insert(entry.path);
+    FolderContents kept;
+    for (const FolderEntry& entry : listFolder(folder).entries)
+      if (seen.contains(entry.path)) kept.entries.push_back(entry);
+    const auto less = [](uint64_t total, uint64_t part) { return total > part ? total - part : 0; };
+    answer.removedEntries = less(before.totalEntries(), kept.totalEntries());
+    answer.removedBytes = less(before.totalBytes(), kept.totalBytes());
+    answer.kept = std::move(kept.entries);
   }
 
-  bool succeeded;
-  {
-    FolderProgress progress(folder, before.totalEntries());
-    succeeded = remove();
-  }
-  // What stayed is shown as it is now, leaving out what appeared meanwhile. A folder
-  // that stayed may have lost part of what it held: that part counts as removed.
-  const FolderContents after = listFolder(folder);
-  std::set<std::string> seen;
-  for (const FolderEntry& entry : before.entries) seen.insert(entry.path);
-  FolderContents kept;
-  for (const FolderEntry& entry : after.entries)
-    if (seen.contains(entry.path)) kept.entries.push_back(entry);
-  const auto less = [](uint64_t total, uint64_t part) { return total > part ? total - part : 0; };
-
-  std::printf("Removed %s from %s.\n",
-              countText(less(before.totalEntries(), kept.totalEntries()),
-                        less(before.totalBytes(), kept.totalBytes()))
-                  .c_str(),
-              folder.c_str());
-  for (const FolderEntry& entry : kept.entries)
-    std::printf("Could not remove %s.\n", entryText(entry).c_str());
-  if (std::fflush(stdout) != 0) return fail("Standard output cannot be written.");
-  if (!kept.entries.empty()) {
-    return fail(std::to_string(kept.totalEntries()) + " of " +
-                std::to_string(before.totalEntries()) + " entries could not be removed.");
+  const int printed = options.json ? printJSONAnswer(answer) : printTextAnswer(answer);
+  if (printed != kExitDone) return printed;
+  if (!answer.kept.empty()) {
+    const uint64_t left = before.totalEntries() - answer.removedEntries;
+    return fail(std::to_string(left) + " of " + std::to_string(before.totalEntries()) +
+                " entries could not be removed.");
   }
   if (!succeeded) return fail("Some entries could not be removed at the first attempt.");
   return kExitDone;
@@ -94,7 +134,7 @@ int runCacheClear(const UpkeepOptions& options) {
     if (::lstat(pathOf(folder).c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
       return fail("There is no folder " + options.subfolder + " in the cache.");
   }
-  return runUpkeep(pathOf(folder), options.dryRun, [&subfolder] {
+  return runUpkeep(pathOf(folder), options, [&subfolder] {
     return NKFileSystemHelper::clearCacheDirWithSubdirectory(subfolder.get());
   });
 }
@@ -102,7 +142,7 @@ int runCacheClear(const UpkeepOptions& options) {
 int runCacheSweep(const UpkeepOptions& options) {
   Ref<URL> folder = NKFileSystemHelper::getNorvikCacheDir();
   if (!folder) return fail("There is no cache folder: the home folder is not set.");
-  return runUpkeep(pathOf(folder), options.dryRun, [] {
+  return runUpkeep(pathOf(folder), options, [] {
     NKFileSystemHelper::deleteTempDir();
     return true;  // the sweep reports nothing; what stayed tells
   });
@@ -111,7 +151,7 @@ int runCacheSweep(const UpkeepOptions& options) {
 int runLogsClear(const UpkeepOptions& options) {
   Ref<String> folder = NKFileSystemHelper::getNorvikLogsToUploadDir();
   if (!folder) return fail("There is no Library folder for the logs: the home folder is not set.");
-  return runUpkeep(folder->utf8(), options.dryRun,
+  return runUpkeep(folder->utf8(), options,
                    [] { return NKFileSystemHelper::clearNorvikLogsToUploadDir(); });
 }
 
@@ -127,6 +167,7 @@ CLI::App* addUpkeep(CLI::App& group, const char* name, const char* description,
                     const std::shared_ptr<UpkeepOptions>& options) {
   CLI::App* command = group.add_subcommand(name, description);
   command->add_flag("--dry-run", options->dryRun, "List what would be removed; remove nothing");
+  addJsonFlag(*command, options->json);
   command->callback([&action, run, options] { action = [run, options] { return run(*options); }; });
   return command;
 }
