@@ -6,6 +6,7 @@
 #include "nk/promise/promise_when.hpp"
 
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -41,6 +42,41 @@ struct EntryOps : Waiter::Ops {
 // Entries are never destroyed one by one, only freed with their array.
 static_assert(std::is_trivially_destructible_v<Waiter>);
 
+// The entry array of a large aggregate is fresh memory from the system, and writing
+// it faults once per page: about as long as the rest of the walk. The last array
+// freed, if worth keeping and not too large to keep around, waits for the next large
+// aggregate; while it waits, it holds its own size.
+class SpareEntries {
+ public:
+  static Waiter* take(size_t count) {
+    const size_t bytes = count * sizeof(Waiter);
+    if (bytes >= kMinBytes) {
+      if (void* spare = spare_.exchange(nullptr, std::memory_order_acquire)) {
+        size_t spareBytes;
+        std::memcpy(&spareBytes, spare, sizeof spareBytes);
+        if (spareBytes >= bytes) return static_cast<Waiter*>(spare);
+        ::operator delete(spare);
+      }
+    }
+    return static_cast<Waiter*>(::operator new(bytes));
+  }
+
+  static void give(Waiter* block, size_t count) noexcept {
+    void* freed = block;
+    const size_t bytes = count * sizeof(Waiter);
+    if (block && bytes >= kMinBytes && bytes <= kMaxBytes) {
+      std::memcpy(freed, &bytes, sizeof bytes);
+      freed = spare_.exchange(freed, std::memory_order_acq_rel);
+    }
+    ::operator delete(freed);
+  }
+
+ private:
+  static constexpr size_t kMinBytes = 64 * 1024;
+  static constexpr size_t kMaxBytes = 2 * 1024 * 1024;
+  static inline std::atomic<void*> spare_{nullptr};
+};
+
 Aggregate& aggregateOf(const Waiter* entry) noexcept {
   return *static_cast<const EntryOps*>(entry->ops)->aggregate;
 }
@@ -73,7 +109,7 @@ class Aggregate {
         entryOps_{{&runEntry, &dropEntry, /*keepsValue=*/true}, this} {
     if (keyed) keys_.resize(count);
   }
-  ~Aggregate() { ::operator delete(entries_); }
+  ~Aggregate() { SpareEntries::give(entries_, count_); }
 
   // The walk: one call per member in enumeration order (for a dictionary, after
   // its key), then endWalk().
@@ -122,7 +158,7 @@ class Aggregate {
     if (Access::settledNow(promise)) return false;
     if (!entries_) {
       // Entries are made only for members found pending.
-      entries_ = static_cast<Waiter*>(::operator new(count_ * sizeof(Waiter)));
+      entries_ = SpareEntries::take(count_);
     }
     auto* entry = ::new (static_cast<void*>(entries_ + index)) Waiter(&entryOps_);
     if (Access::tryRegister(promise, entry)) return false;  // settled meanwhile
@@ -190,8 +226,9 @@ class Aggregate {
     // No entry is looked at any more: they are freed here rather than on the main
     // queue, which has the aggregate to settle.
     Waiter* entries = std::exchange(entries_, nullptr);
+    const size_t count = count_;  // the record is the main queue's once handed over
     Queue::main().async([self = std::unique_ptr<Aggregate>(this)] { self->fulfill(); });
-    ::operator delete(entries);
+    SpareEntries::give(entries, count);
   }
 
   // Main queue, once every member has fulfilled.

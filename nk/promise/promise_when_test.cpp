@@ -233,14 +233,16 @@ TEST(PromiseAll, ManyThreadsSettlingAtOnce) {
   UnhandledCapture reports;
   LogCapture log;
   constexpr size_t kThreads = 4;
-  {  // interleaved fulfilments from several threads land in input order
-    constexpr size_t kCount = 4000;
-    std::vector<Deferred> members(kCount);
+  // Interleaved fulfilments from several threads land in input order. The sizes take
+  // large aggregates through a fresh entry array, the one the first left behind, and
+  // one too large for it.
+  for (const size_t count : {size_t{5000}, size_t{4500}, size_t{9000}}) {
+    std::vector<Deferred> members(count);
     auto p = allOf(members);
     std::vector<std::thread> threads;
     for (size_t t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
-        for (size_t i = t; i < kCount; i += kThreads) {
+        for (size_t i = t; i < count; i += kThreads) {
           (*members[i].resolve)(num(static_cast<int>(i)));
         }
       });
@@ -249,8 +251,8 @@ TEST(PromiseAll, ManyThreadsSettlingAtOnce) {
     for (auto& thread : threads) thread.join();
     auto values = cast<Array>(p->value());
     ASSERT_TRUE(values);
-    ASSERT_EQ(values->count(), kCount);
-    for (size_t i = 0; i < kCount; ++i) {
+    ASSERT_EQ(values->count(), count);
+    for (size_t i = 0; i < count; ++i) {
       ASSERT_TRUE(isEqual(values->objectAtIndex(i), num(static_cast<int>(i)))) << i;
     }
   }
