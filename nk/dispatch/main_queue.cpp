@@ -50,6 +50,7 @@ class MainCore final : public QueueCore {
       fatal("sync onto the main queue from the main thread would deadlock");
     }
     SyncWaiter waiter(block);
+    waiter.callerFrames = currentFrame();
     fifo_.push(WorkItem{Task(), reinterpret_cast<uintptr_t>(&waiter) | kSyncTag});
     signal();
     waiter.wait();
@@ -82,9 +83,9 @@ class MainCore final : public QueueCore {
     for (int budget = kDispatchBudget; budget > 0; --budget) {
       WorkItem item;
       if (!fifo_.pop(item)) return;
-      FrameScope frame(this, true);
-      if (item.aux & kSyncTag) {
-        SyncWaiter* waiter = waiterOf(item);
+      SyncWaiter* waiter = item.aux & kSyncTag ? waiterOf(item) : nullptr;
+      FrameScope frame(this, true, waiter ? waiter->callerFrames : nullptr);
+      if (waiter) {
         try {
           waiter->block();
         } catch (...) {

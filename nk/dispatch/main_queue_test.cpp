@@ -110,6 +110,15 @@ TEST(MainQueueDeathTest, SyncFromTheMainThreadTerminates) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(Queue::main().sync([] {}),
                "sync onto the main queue from the main thread would deadlock");
+  // A task of a serial queue waits for the main queue, whose block syncs back onto
+  // that serial queue.
+  EXPECT_DEATH(
+      {
+        Queue serial = Queue::serial("nk.test.round-trip");
+        serial.async([&] { Queue::main().sync([&] { serial.sync([] {}); }); });
+        RunLoop::main().runUntil([] { return false; }, kPatience);
+      },
+      "sync onto serial queue \"nk.test.round-trip\" from a task running on it would deadlock");
 }
 
 }  // namespace

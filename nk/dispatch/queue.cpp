@@ -90,8 +90,8 @@ QueueCore::QueueCore(QueueKind k, QueuePriority p, std::string l)
 
 QueueCore::~QueueCore() = default;
 
-FrameScope::FrameScope(QueueCore* queue, bool exclusive) noexcept
-    : frame_{queue, exclusive, tlsFrame} {
+FrameScope::FrameScope(QueueCore* queue, bool exclusive, Frame* caller) noexcept
+    : frame_{queue, exclusive, tlsFrame, caller} {
   tlsFrame = &frame_;
 }
 
@@ -105,6 +105,17 @@ Frame* findFrame(const QueueCore* queue) noexcept {
   }
   return nullptr;
 }
+
+namespace {
+bool inChain(const Frame* f, const QueueCore* queue) noexcept {
+  for (; f != nullptr; f = f->previous) {
+    if (f->queue == queue || inChain(f->caller, queue)) return true;
+  }
+  return false;
+}
+}  // namespace
+
+bool waitedOnFromHere(const QueueCore* queue) noexcept { return inChain(tlsFrame, queue); }
 
 QueueCore* globalCore(QueuePriority priority) {
   // Never destroyed: tasks may still be running on them during exit.

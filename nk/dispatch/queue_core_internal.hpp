@@ -33,6 +33,8 @@ inline constexpr uintptr_t kDrainTag = 1;        // pool item: drain the queue n
 [[noreturn]] void fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Parks the thread that called sync until the queue lets it in.
+struct Frame;
+
 struct SyncWaiter {
   explicit SyncWaiter(FunctionRef<void()> b) noexcept : block(b) {}
 
@@ -43,6 +45,8 @@ struct SyncWaiter {
   void wait() noexcept;  // counts as blocking when called on a pool thread
 
   FunctionRef<void()> block;
+  // The queues the waiting thread is running, when another thread runs the block.
+  Frame* callerFrames = nullptr;
   std::exception_ptr error;  // what the block threw, when another thread ran it
   std::atomic<uint32_t> ready{0};
 };
@@ -99,11 +103,14 @@ struct Frame {
   QueueCore* queue;
   bool exclusive;  // serial task, barrier or main-queue task
   Frame* previous;
+  // For a sync block run on behalf of another thread: that thread's frames, which
+  // stay as they are while it waits.
+  Frame* caller = nullptr;
 };
 
 class FrameScope {
  public:
-  FrameScope(QueueCore* queue, bool exclusive) noexcept;
+  FrameScope(QueueCore* queue, bool exclusive, Frame* caller = nullptr) noexcept;
   ~FrameScope();
   FrameScope(const FrameScope&) = delete;
   FrameScope& operator=(const FrameScope&) = delete;
@@ -115,6 +122,9 @@ class FrameScope {
 Frame* currentFrame() noexcept;
 // The innermost frame of `queue` on this thread, or null.
 Frame* findFrame(const QueueCore* queue) noexcept;
+// Whether `queue` runs on this thread, or on a thread waiting in sync for a block
+// that this thread runs (and so on): a sync onto it from here would never return.
+bool waitedOnFromHere(const QueueCore* queue) noexcept;
 
 // Runs `task`; an exception escaping it terminates the process, naming `queue`.
 void invokeGuarded(Task& task, const QueueCore* queue) noexcept;
