@@ -140,18 +140,27 @@ Ref<URL> fileURL(const std::string& path, bool directory) {
 // `failedPath` names the item that could not be removed and errno says why.
 bool removeContents(int rootFd, const std::string& rootPath, std::string& failedPath) {
   struct Frame {
-    Fd fd;
+    Fd fd;  // closed for folders far above the one being emptied
     std::string path;
     std::vector<std::string> names;
     size_t next = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
   };
+  // One descriptor per level would run out on a deep tree: only the innermost levels
+  // keep theirs, and a folder above is opened again from its child through "..",
+  // checked to be the same folder.
+  constexpr size_t kOpenLevels = 32;
   std::vector<Frame> stack;
   {
     Frame root{Fd(::dup(rootFd)), rootPath, {}, 0};
-    if (root.fd.fd < 0 || !readNames(root.fd.fd, root.names)) {
+    struct stat st;
+    if (root.fd.fd < 0 || ::fstat(root.fd.fd, &st) != 0 || !readNames(root.fd.fd, root.names)) {
       failedPath = rootPath;
       return false;
     }
+    root.dev = st.st_dev;
+    root.ino = st.st_ino;
     stack.push_back(std::move(root));
   }
   while (!stack.empty()) {
@@ -159,9 +168,20 @@ bool removeContents(int rootFd, const std::string& rootPath, std::string& failed
     if (top.next == top.names.size()) {
       // The folder is empty now: remove it from its parent (the root stays for
       // the caller).
+      Fd child = std::move(top.fd);
       stack.pop_back();
       if (stack.empty()) return true;
       Frame& parent = stack.back();
+      if (parent.fd.fd < 0) {
+        parent.fd = Fd(::openat(child.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+        struct stat st;
+        if (parent.fd.fd < 0 || ::fstat(parent.fd.fd, &st) != 0 || st.st_dev != parent.dev ||
+            st.st_ino != parent.ino) {
+          if (parent.fd.fd >= 0) errno = ESTALE;  // moved meanwhile
+          failedPath = parent.path;
+          return false;
+        }
+      }
       const std::string& childName = parent.names[parent.next - 1];
       if (::unlinkat(parent.fd.fd, childName.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
         failedPath = joinPath(parent.path, childName);
@@ -190,10 +210,14 @@ bool removeContents(int rootFd, const std::string& rootPath, std::string& failed
       return false;
     }
     Frame frame{Fd(child), path, {}, 0};
-    if (!readNames(child, frame.names)) {
+    struct stat st;
+    if (::fstat(child, &st) != 0 || !readNames(child, frame.names)) {
       failedPath = path;
       return false;
     }
+    frame.dev = st.st_dev;
+    frame.ino = st.st_ino;
+    if (stack.size() >= kOpenLevels) stack[stack.size() - kOpenLevels].fd = Fd();
     stack.push_back(std::move(frame));
   }
   return true;

@@ -3,6 +3,7 @@
 #include "nk/system/file_manager.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -186,6 +187,26 @@ TEST(FileManagerRemove, NeverFollowsLinks) {
   EXPECT_FALSE(fm()->removeItemAtURL(URL::fileURLWithPath(S(withNul).get(), false).get(), nullptr));
   EXPECT_TRUE(exists(dir / "outside/keep.txt"));
   EXPECT_TRUE(exists(dir / "tree2/file"));
+}
+
+TEST(FileManagerRemove, TreesDeeperThanTheDescriptorLimit) {
+  TempDir dir;
+  std::string path = dir / "deep";
+  for (int level = 0; level < 300; ++level) {
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+    path += "/d";
+  }
+  writeFile(path + "-file", "x");
+  struct rlimit saved;
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  struct rlimit low = saved;
+  low.rlim_cur = 64;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  Ref<Error> error;
+  const bool removed = fm()->removeItemAtPath(S(dir / "deep").get(), &error);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_TRUE(removed) << (error ? error->description()->utf8() : "");
+  EXPECT_FALSE(exists(dir / "deep"));
 }
 
 TEST(FileManagerRemove, ReportsTheItemThatCannotGo) {
