@@ -41,6 +41,7 @@ Ref<String> pathOf(const URL* url) { return url ? url->path() : nullptr; }
 
 using file_internal::Fd;
 using file_internal::joinPath;
+using file_internal::openFolderAt;
 using file_internal::readNames;
 using file_internal::removeItemAt;
 
@@ -56,12 +57,6 @@ bool innerComponents(std::string_view path, std::vector<std::string>& components
     if (slash == std::string_view::npos) return !components.empty();
     path.remove_prefix(slash + 1);
   }
-}
-
-// Entries are listed and removed by their raw names through the folder's descriptor: a name
-// that is not UTF-8 has no String or URL that leads back to it.
-Fd openFolder(const std::string& path, int flags = 0) {
-  return Fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | flags));
 }
 
 bool isSymbolicLink(const String* path) {
@@ -162,7 +157,7 @@ void NKFileSystemHelper::deleteTempDir() {
   Ref<String> temporary = NSTemporaryDirectory();
   if (!temporary) return;
   const std::string path = temporary->utf8();
-  Fd folder = openFolder(path);
+  Fd folder = openFolderAt(AT_FDCWD, path, true);
   std::vector<std::string> names;
   if (folder.fd < 0 || !readNames(folder.fd, names)) return;
   // One counter for the whole sweep, on purpose: once the first failing entries have used
@@ -217,11 +212,10 @@ bool NKFileSystemHelper::clearCacheDirWithSubdirectory(const String* subdirector
   // Down from the cache one folder at a time, never through a link: a link anywhere on the
   // way would lead the clearing out of the cache. A folder on the way that is missing, a
   // link or no folder leaves nothing to remove.
-  Fd folder = openFolder(cache->utf8());
+  Fd folder = openFolderAt(AT_FDCWD, cache->utf8(), true);
   for (const auto& component : components) {
     if (folder.fd < 0) break;
-    folder = Fd(::openat(folder.fd, component.c_str(),
-                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    folder = openFolderAt(folder.fd, component, false);
   }
   const bool success = removeEntries(folder, path->utf8());
   postOnMainQueue(
@@ -235,7 +229,7 @@ bool NKFileSystemHelper::clearNorvikLogsToUploadDir() {
   Ref<String> path = getNorvikLogsToUploadDir();
   if (!path) return true;
   // The folder lies inside Library: a link in its place is not followed.
-  return removeEntries(openFolder(path->utf8(), O_NOFOLLOW), path->utf8());
+  return removeEntries(openFolderAt(AT_FDCWD, path->utf8(), false), path->utf8());
 }
 
 void NKFileSystemHelper::enumerate(const URL* url) {

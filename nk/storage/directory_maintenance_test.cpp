@@ -393,6 +393,8 @@ TEST(Safety, LinksAreRemovedNeverFollowed) {
     for (const char* name : {"..", "../sibling", "kept/../..", "/", ".", "./"}) {
       EXPECT_FALSE(FSH::clearCacheDirWithSubdirectory(String::fromUTF8(name).get())) << name;
     }
+    // Nor does a name that reads as ".." up to a NUL in it.
+    FSH::clearCacheDirWithSubdirectory(String::fromUTF8(std::string("..\0x", 4)).get());
     EXPECT_TRUE(exists(sibling + "/a.bin"));
     EXPECT_TRUE(exists(box.cacheFolder() + "/kept/a.bin"));
   }

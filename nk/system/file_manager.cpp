@@ -46,6 +46,15 @@ std::string joinPath(const std::string& folder, const std::string& name) {
   return folder + "/" + name;
 }
 
+Fd openFolderAt(int parentFd, const std::string& name, bool followLink) {
+  if (name.find('\0') != std::string::npos) {
+    errno = ENOENT;
+    return Fd();
+  }
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | (followLink ? 0 : O_NOFOLLOW);
+  return Fd(::openat(parentFd, name.c_str(), flags));
+}
+
 bool readNames(int fd, std::vector<std::string>& names) {
   int copy = ::dup(fd);
   if (copy < 0) return false;
@@ -73,6 +82,7 @@ bool readNames(int fd, std::vector<std::string>& names) {
 
 using file_internal::Fd;
 using file_internal::joinPath;
+using file_internal::openFolderAt;
 using file_internal::readNames;
 
 namespace {
@@ -199,9 +209,8 @@ bool removeContents(int rootFd, const std::string& rootPath, std::string& failed
     // A folder: open it without following a link, so a folder swapped for a
     // link fails here (ELOOP or ENOTDIR) and is then unlinked as the link it
     // has become.
-    int child = ::openat(top.fd.fd, name.c_str(),
-                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (child < 0) {
+    Fd child = openFolderAt(top.fd.fd, name, false);
+    if (child.fd < 0) {
       if ((errno == ELOOP || errno == ENOTDIR) && ::unlinkat(top.fd.fd, name.c_str(), 0) == 0) {
         continue;
       }
@@ -209,9 +218,9 @@ bool removeContents(int rootFd, const std::string& rootPath, std::string& failed
       failedPath = path;
       return false;
     }
-    Frame frame{Fd(child), path, {}, 0};
+    Frame frame{std::move(child), path, {}, 0};
     struct stat st;
-    if (::fstat(child, &st) != 0 || !readNames(child, frame.names)) {
+    if (::fstat(frame.fd.fd, &st) != 0 || !readNames(frame.fd.fd, frame.names)) {
       failedPath = path;
       return false;
     }
@@ -259,8 +268,7 @@ bool removeItemAt(int folderFd, const std::string& name, const std::string& path
     if (::unlinkat(folderFd, name.c_str(), 0) == 0) return true;
     if (errno != EISDIR) return false;
   }
-  Fd fd(
-      ::openat(folderFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+  Fd fd = openFolderAt(folderFd, name, false);
   if (fd.fd < 0) {
     // Swapped for a link or a file since the check: remove that instead.
     return (errno == ELOOP || errno == ENOTDIR) && ::unlinkat(folderFd, name.c_str(), 0) == 0;
@@ -275,7 +283,7 @@ Fd openFolderListing(const URL* url, std::vector<std::string>& names, Ref<Error>
     setSchemeError(error, url, false);
     return Fd();
   }
-  Fd fd(::open(folder->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+  Fd fd = openFolderAt(AT_FDCWD, *folder, true);
   if (fd.fd < 0 || !readNames(fd.fd, names)) {
     setError(error, errno, *folder, false);
     return Fd();
@@ -380,7 +388,7 @@ bool FileManager::createDirectoryAtURL(const URL* url, bool withIntermediateDire
 
 Ref<Array> FileManager::contentsOfDirectoryAtPath(const String* path, Ref<Error>* error) const {
   std::string folder = pathOf(path);
-  Fd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+  Fd fd = openFolderAt(AT_FDCWD, folder, true);
   std::vector<std::string> names;
   if (fd.fd < 0 || !readNames(fd.fd, names)) {
     setError(error, folder.empty() ? ENOENT : errno, folder, false);

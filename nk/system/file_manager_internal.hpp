@@ -41,6 +41,11 @@ struct Fd {
 // `folder` + "/" + `name`, with one slash between them.
 std::string joinPath(const std::string& folder, const std::string& name);
 
+// Opens the folder `name` inside the folder open as `parentFd` (AT_FDCWD: `name` is a
+// path), following a link there only when `followLink`. A name with a NUL in it names no
+// folder: the system would read only the part before it. Invalid on failure, with errno.
+Fd openFolderAt(int parentFd, const std::string& name, bool followLink);
+
 // Appends the names in the open folder `fd`, without "." and "..", sorted. `fd` stays open.
 bool readNames(int fd, std::vector<std::string>& names);
 
