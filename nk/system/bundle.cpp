@@ -316,7 +316,19 @@ Ref<String> Bundle::localizedStringForKey(const String* key, const String* value
 }
 
 std::vector<std::string> Bundle::preferredLanguages() {
+  std::string_view locale = "C";  // what the C library uses when nothing is set
+  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    const char* value = std::getenv(variable);
+    if (value && *value) {
+      locale = value;
+      break;
+    }
+  }
   std::vector<std::string> out;
+  // As in gettext: under the untranslated locale ("C" or "POSIX" exactly, not "C.UTF-8")
+  // LANGUAGE is ignored, so that `LC_ALL=C tool` gives untranslated text; otherwise a
+  // LANGUAGE list replaces the locale's language instead of preceding it.
+  if (locale == "C" || locale == "POSIX") return out;
   if (const char* list = std::getenv("LANGUAGE")) {
     std::string_view rest(list);
     while (!rest.empty()) {
@@ -326,15 +338,7 @@ std::vector<std::string> Bundle::preferredLanguages() {
       rest.remove_prefix(colon + 1);
     }
   }
-  // As in gettext, a LANGUAGE list replaces the locale's language instead of preceding it.
-  if (!out.empty()) return out;
-  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* locale = std::getenv(variable);
-    if (locale && *locale) {
-      addLocale(out, locale);
-      break;
-    }
-  }
+  if (out.empty()) addLocale(out, locale);
   return out;
 }
 

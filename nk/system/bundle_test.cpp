@@ -139,6 +139,15 @@ TEST(Bundle, PreferredLanguages) {
   EXPECT_EQ(Bundle::preferredLanguages(), List{});
   ScopedEnv language("LANGUAGE", std::string("pt_BR:pt:en"));
   EXPECT_EQ(Bundle::preferredLanguages(), (List{"pt_BR", "pt-BR", "pt", "en"}));
+  // Under the untranslated locale itself, or with no locale set, gettext ignores LANGUAGE:
+  // `LC_ALL=C tool` must print untranslated text whatever the session's list says.
+  for (const char* untranslated : {"C", "POSIX"}) {
+    ScopedEnv plain("LC_ALL", std::string(untranslated));
+    EXPECT_EQ(Bundle::preferredLanguages(), List{}) << untranslated;
+  }
+  ScopedEnv noAll("LC_ALL", std::nullopt), noMessages("LC_MESSAGES", std::nullopt),
+      noLang("LANG", std::nullopt);
+  EXPECT_EQ(Bundle::preferredLanguages(), List{});
 }
 
 TEST(Bundle, LocalizedStringsFallBackInOrder) {
