@@ -274,11 +274,12 @@ Ref<String> Bundle::developmentRegion() const {
 Ref<String> Bundle::pathForResourceOfType(const String* name, const String* type) const {
   if (!name || name->isEmpty()) return nullptr;
   std::string file = name->utf8();
-  if (hasParentComponent(file) || file[0] == '/') return nullptr;
   if (type && !type->isEmpty()) {
     std::string extension = type->utf8();
     file += extension[0] == '.' ? extension : "." + extension;
   }
+  // Checked with the extension on: "lproj/../../x" after "en" climbs out as well.
+  if (hasParentComponent(file) || file[0] == '/') return nullptr;
   std::string resources = path_->utf8() + "/Resources/";
   std::vector<std::string> candidates{resources + file};
   for (const auto& language : preferredLanguages()) {

@@ -55,7 +55,7 @@ class Bundle final : public Object {
   // is; a leading
   // "." in `type` is allowed). Looked for in Resources/, then in
   // Resources/<language>.lproj/ for the preferred languages. nil when missing
-  // or when `name` has a ".." component.
+  // or when the file name, extension included, has a ".." component.
   Ref<String> pathForResourceOfType(const String* name, const String* type) const;
 
   // The translation of `key` from the string table `table` (nil or empty:

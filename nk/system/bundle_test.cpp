@@ -124,6 +124,7 @@ TEST(Bundle, ResourceLookup) {
   EXPECT_EQ(find("missing", NK_STR("plist")), "<nil>");
   EXPECT_EQ(find("secret", NK_STR("txt")), "<nil>");
   EXPECT_EQ(find("../secret", NK_STR("txt")), "<nil>");
+  EXPECT_EQ(find("fr", NK_STR("lproj/../../secret.txt")), "<nil>");
   EXPECT_FALSE(bundle->pathForResourceOfType(nullptr, NK_STR("txt")));
 }
 
