@@ -149,15 +149,18 @@ Ref<Dictionary> stringTable(const std::string& path) {
   return table;
 }
 
-bool hasParentComponent(std::string_view name) {
+// Whether `name`, taken relative to a folder, names a file inside it: not absolute, no ".."
+// component, and no NUL (the system would cut the path there: "README\0x" is "README").
+bool staysInside(std::string_view name) {
+  if (name.empty() || name[0] == '/' || name.find('\0') != std::string_view::npos) return false;
   size_t start = 0;
   while (start <= name.size()) {
     size_t end = name.find('/', start);
     if (end == std::string_view::npos) end = name.size();
-    if (name.substr(start, end - start) == "..") return true;
+    if (name.substr(start, end - start) == "..") return false;
     start = end + 1;
   }
-  return false;
+  return true;
 }
 
 void addLanguage(std::vector<std::string>& out, std::string language) {
@@ -211,7 +214,7 @@ Ref<Bundle> Bundle::mainBundle() {
 Ref<Bundle> Bundle::bundleWithPath(const String* path) {
   if (!path || path->isEmpty()) return nullptr;
   std::string folder = trimmedPath(path->utf8());
-  if (!isFolder(folder)) return nullptr;
+  if (folder.find('\0') != std::string::npos || !isFolder(folder)) return nullptr;
   return bundleFor(folder);
 }
 
@@ -279,7 +282,7 @@ Ref<String> Bundle::pathForResourceOfType(const String* name, const String* type
     file += extension[0] == '.' ? extension : "." + extension;
   }
   // Checked with the extension on: "lproj/../../x" after "en" climbs out as well.
-  if (hasParentComponent(file) || file[0] == '/') return nullptr;
+  if (!staysInside(file)) return nullptr;
   std::string resources = path_->utf8() + "/Resources/";
   std::vector<std::string> candidates{resources + file};
   for (const auto& language : preferredLanguages()) {
@@ -302,7 +305,7 @@ Ref<String> Bundle::localizedStringForKey(const String* key, const String* value
   };
   if (!key) return fallback();
   std::string tableName = table && !table->isEmpty() ? table->utf8() : "Localizable";
-  if (hasParentComponent(tableName)) return fallback();
+  if (!staysInside(tableName)) return fallback();
   std::vector<std::string> languages = preferredLanguages();
   addLanguage(languages, developmentRegion()->utf8());
   addLanguage(languages, "en");

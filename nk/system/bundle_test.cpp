@@ -125,6 +125,10 @@ TEST(Bundle, ResourceLookup) {
   EXPECT_EQ(find("secret", NK_STR("txt")), "<nil>");
   EXPECT_EQ(find("../secret", NK_STR("txt")), "<nil>");
   EXPECT_EQ(find("fr", NK_STR("lproj/../../secret.txt")), "<nil>");
+  // The system reads a path only up to a NUL: "README\0x" would be found as "README".
+  const std::string withNul = std::string("README") + '\0' + "x";
+  EXPECT_FALSE(bundle->pathForResourceOfType(S(withNul).get(), nullptr));
+  EXPECT_FALSE(Bundle::bundleWithPath(S(dir.path() + '\0' + "x").get()));
   EXPECT_FALSE(bundle->pathForResourceOfType(nullptr, NK_STR("txt")));
 }
 
@@ -187,6 +191,12 @@ TEST(Bundle, LocalizedStringsFallBackInOrder) {
   for (const auto& [key, value, table, expected] : rows) {
     EXPECT_EQ(lookup(key, value, table), expected) << key << " " << (table ? table : "");
   }
+  // A table name with a NUL names no table (the system would read "Other.strings").
+  EXPECT_EQ(bundle
+                ->localizedStringForKey(NK_STR("greeting"), nullptr,
+                                        S(std::string("Other.strings") + '\0' + "x").get())
+                ->utf8(),
+            "greeting");
   // A rewritten table is read again; a malformed one counts as empty.
   writeFile(dir / "Resources/fr.lproj/Localizable.strings", "\"bye\" = \"Salut alors\";");
   EXPECT_EQ(lookup("bye"), "Salut alors");
