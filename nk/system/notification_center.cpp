@@ -71,12 +71,13 @@ Id NotificationCenter::addObserver(const String* name, const Object* object,
 void NotificationCenter::removeObserver(const Object* token) {
   auto* observer = cast<Observer>(token);
   if (!observer) return;
-  observer->removed.store(true, std::memory_order_release);
   Id last;  // released after the lock is dropped
   std::lock_guard guard(lock_);
   auto found = std::find_if(observers_.begin(), observers_.end(),
                             [&](const Id& entry) { return entry.get() == observer; });
+  // Only this centre's own observers: another centre's token must not silence it there.
   if (found != observers_.end()) {
+    observer->removed.store(true, std::memory_order_release);
     last = std::move(*found);
     observers_.erase(found);
   }

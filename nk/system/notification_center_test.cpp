@@ -50,6 +50,14 @@ TEST(NotificationCenter, MatchesByNameAndSender) {
   center->postNotification(NK_STR("A"), sender);
   EXPECT_TRUE(heard.empty());
   EXPECT_EQ(center->observerCount(), 0u);
+  // A token given to another centre removes nothing, there or here.
+  auto token = center->addObserver(NK_STR("A"), nullptr, [&](const Notification* n) {
+    heard.push_back("kept:" + n->name()->utf8());
+  });
+  NotificationCenter::make()->removeObserver(token.get());
+  center->postNotification(NK_STR("A"), nullptr);
+  EXPECT_EQ(heard, std::vector<std::string>{"kept:A"});
+  center->removeObserver(token.get());
 }
 
 TEST(NotificationCenter, ChangesDuringDelivery) {
