@@ -28,11 +28,20 @@ std::string withoutTrailingSlashes(std::string path) {
   return path;
 }
 
+// `folder`/`name`, without a doubled "/" when `folder` is the root (HOME=/ is common for
+// service accounts): "//.cache" would be a different text for the same folder.
+std::string inside(const std::string& folder, std::string_view name) {
+  std::string path = withoutTrailingSlashes(folder);
+  if (path != "/") path += '/';
+  path += name;
+  return path;
+}
+
 std::optional<std::string> baseDirectory(const char* variable, const char* fallback) {
   if (auto value = absoluteVariable(variable)) return withoutTrailingSlashes(*value);
   auto home = homeDirectory();
   if (!home) return std::nullopt;
-  return withoutTrailingSlashes(*home) + fallback;
+  return inside(*home, fallback);
 }
 
 // One value of user-dirs.dirs: shell double-quoted, "$HOME" only at its start.
@@ -54,7 +63,7 @@ std::optional<std::string> parseUserDirValue(std::string_view value, const std::
   }
   if (!closed) return std::nullopt;
   if (text.rfind("$HOME", 0) == 0 && (text.size() == 5 || text[5] == '/')) {
-    text = withoutTrailingSlashes(home) + text.substr(5);
+    text = inside(home, text.size() > 5 ? std::string_view(text).substr(6) : "");
   }
   if (text.empty() || text[0] != '/') return std::nullopt;
   return withoutTrailingSlashes(text);
@@ -77,15 +86,15 @@ std::optional<std::string> homeDirectory() {
   return std::string(result->pw_dir);
 }
 
-std::optional<std::string> xdgDataHome() { return baseDirectory("XDG_DATA_HOME", "/.local/share"); }
-std::optional<std::string> xdgCacheHome() { return baseDirectory("XDG_CACHE_HOME", "/.cache"); }
-std::optional<std::string> xdgConfigHome() { return baseDirectory("XDG_CONFIG_HOME", "/.config"); }
+std::optional<std::string> xdgDataHome() { return baseDirectory("XDG_DATA_HOME", ".local/share"); }
+std::optional<std::string> xdgCacheHome() { return baseDirectory("XDG_CACHE_HOME", ".cache"); }
+std::optional<std::string> xdgConfigHome() { return baseDirectory("XDG_CONFIG_HOME", ".config"); }
 
 std::optional<std::string> userDocumentsDirectory() {
   auto home = homeDirectory();
   if (!home) return std::nullopt;
   if (auto config = xdgConfigHome()) {
-    std::ifstream in(*config + "/user-dirs.dirs");
+    std::ifstream in(inside(*config, "user-dirs.dirs"));
     std::string line;
     std::optional<std::string> found;
     while (in && std::getline(in, line)) {
@@ -101,7 +110,7 @@ std::optional<std::string> userDocumentsDirectory() {
     }
     if (found) return found;
   }
-  return withoutTrailingSlashes(*home) + "/Documents";
+  return inside(*home, "Documents");
 }
 
 bool isSafeFolderName(std::string_view identifier) noexcept {
@@ -153,7 +162,7 @@ bool makeDirectories(const std::string& path, unsigned mode) {
 Ref<String> temporaryDirectory() {
   auto cache = xdgCacheHome();
   if (!cache) return nullptr;
-  std::string path = *cache + "/" + applicationFolderName();
+  std::string path = inside(*cache, applicationFolderName());
   if (!makeDirectories(path, 0700)) return nullptr;
   return String::fromUTF8(path + "/");
 }
@@ -161,14 +170,14 @@ Ref<String> temporaryDirectory() {
 std::optional<std::string> libraryDirectory() {
   auto data = xdgDataHome();
   if (!data) return std::nullopt;
-  return *data + "/" + applicationFolderName();
+  return inside(*data, applicationFolderName());
 }
 
 std::optional<std::string> groupContainerDirectory(std::string_view identifier) {
   if (!isSafeFolderName(identifier)) return std::nullopt;
   auto data = xdgDataHome();
   if (!data) return std::nullopt;
-  std::string path = *data + "/group-containers/" + std::string(identifier);
+  std::string path = inside(*data, "group-containers/" + std::string(identifier));
   if (!makeDirectories(path, 0700)) return std::nullopt;
   return path;
 }

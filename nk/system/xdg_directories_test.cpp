@@ -92,6 +92,20 @@ TEST(SearchPathDirectories, LibraryAndDocuments) {
   EXPECT_EQ(userDocumentsDirectory(), std::string("/srv/docs"));
   writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"docs\"\n");
   EXPECT_EQ(userDocumentsDirectory(), box.dir / "home/Documents");
+  // A home or data folder at the root gives "/.config", not "//.config": the texts are
+  // compared and joined by callers. (Only names are worked out; nothing is made in "/".)
+  {
+    ScopedEnv root("HOME", std::string("/"));
+    {
+      ScopedEnv noConfig("XDG_CONFIG_HOME", std::nullopt);
+      EXPECT_EQ(xdgConfigHome(), std::string("/.config"));
+    }
+    EXPECT_EQ(xdgCacheHome(), std::string("/.cache"));
+    writeFile(box.dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Docs\"\n");
+    EXPECT_EQ(userDocumentsDirectory(), std::string("/Docs"));
+    ScopedEnv rootData("XDG_DATA_HOME", std::string("/"));
+    EXPECT_EQ(libraryDirectory(), std::string("/org.example.app"));
+  }
   // no home: no answers
   ScopedEnv home("HOME", std::string("rel"));
   EXPECT_EQ(manager->URLsForDirectory(kDocumentDirectory, kUserDomainMask)->count(), 0u);
