@@ -254,6 +254,11 @@ TEST(StringsTable, MalformedInputGivesNil) {
         "= \"b\";", "\"a\" = \"b\";;", "\xFF\xFE\x41", "\xC3\x28 = x;"}) {
     EXPECT_FALSE(parseStringsTable(bad)) << bad;
   }
+  // An unpaired surrogate is no more UTF-16 than its three bytes are UTF-8.
+  for (bool little : {true, false}) {
+    EXPECT_FALSE(parseStringsTable(utf16(u"\"k\" = \"a\xD800\";", little))) << little;
+    EXPECT_FALSE(parseStringsTable(utf16(u"\"k\" = \"\xDC00\";", little))) << little;
+  }
 }
 
 }  // namespace

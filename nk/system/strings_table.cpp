@@ -22,6 +22,8 @@ std::optional<std::u16string> decode(std::string_view bytes) {
       unsigned a = byte(i), b = byte(i + 1);
       units.push_back(static_cast<char16_t>(little ? (b << 8 | a) : (a << 8 | b)));
     }
+    // An unpaired surrogate is not UTF-16, as a surrogate's bytes are not UTF-8 above.
+    if (!String::fromUTF16(units)) return std::nullopt;
     return units;
   }
   if (bytes.size() >= 3 && byte(0) == 0xEF && byte(1) == 0xBB && byte(2) == 0xBF) {
