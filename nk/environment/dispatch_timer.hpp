@@ -11,7 +11,8 @@
 namespace nk {
 
 // A timer that fires on `queue` now and then every `intervalNs` nanoseconds, each firing
-// at most `leewayNs` late. The schedule follows the wall clock, so it keeps to the
+// at most `leewayNs` late; a leeway above half the interval counts as half of it, so the
+// timer keeps to its interval. The schedule follows the wall clock, so it keeps to the
 // calendar across sleep and clock changes. `handler` may be empty (no event handler is
 // installed). With `start` the timer is resumed before it is returned; otherwise it is
 // returned suspended. The caller owns the timer: it resumes it if it did not ask to

@@ -22,8 +22,8 @@ constexpr uint64_t kMillisecond = 1'000'000;
 
 class DispatchTimer : public ::testing::Test {
  protected:
-  void start(uint64_t interval, bool withHandler, bool resume) {
-    timer = CreateDispatchTimer(interval, 0, queue, withHandler ? handler : nullptr, resume);
+  void start(uint64_t interval, bool withHandler, bool resume, uint64_t leeway = 0) {
+    timer = CreateDispatchTimer(interval, leeway, queue, withHandler ? handler : nullptr, resume);
     ASSERT_TRUE(timer);
   }
   // Lets a call still running finish before the members go.
@@ -49,6 +49,20 @@ TEST_F(DispatchTimer, SuspendedUntilResumedThenRepeatsOnItsQueue) {
   ASSERT_TRUE(fired.waitFor(5s));
   ASSERT_TRUE(fired.waitFor(5s));
   EXPECT_TRUE(onQueue.load());
+}
+
+TEST_F(DispatchTimer, LeewayLongerThanTheIntervalKeepsItFiring) {
+  // A leeway is room to merge wake-ups: a timer due now must still fire now-ish and
+  // keep repeating, even when the leeway is the largest value.
+  for (uint64_t leeway : {uint64_t{60'000} * kMillisecond, UINT64_MAX}) {
+    start(kMillisecond, true, true, leeway);
+    ASSERT_TRUE(fired.waitFor(5s)) << leeway;
+    ASSERT_TRUE(fired.waitFor(5s)) << leeway;
+    timer->cancel();
+    queue.sync([] {});
+    while (fired.waitFor(0ms)) {
+    }
+  }
 }
 
 TEST_F(DispatchTimer, StartedWithoutHandlerTakesOneLater) {
