@@ -50,6 +50,14 @@ bool plausibleIdentifier(std::string_view id) {
   return true;
 }
 
+// The ISO 15924 code of the scripts glibc's locale modifiers name.
+std::string_view scriptOfModifier(std::string_view modifier) {
+  if (modifier == "latin") return "Latn";
+  if (modifier == "cyrillic") return "Cyrl";
+  if (modifier == "devanagari") return "Deva";
+  return {};
+}
+
 }  // namespace
 
 std::string icuLocaleFromPosix(std::string_view posix) {
@@ -59,7 +67,18 @@ std::string icuLocaleFromPosix(std::string_view posix) {
   if (base.empty() || base == "C" || base == "POSIX") return "en_US_POSIX";
   if (!plausibleIdentifier(base)) return "en_US_POSIX";
   std::string id = canonical(base);
-  return id.empty() ? "en_US_POSIX" : id;
+  if (id.empty()) return "en_US_POSIX";
+  // A modifier that names a script picks the writing system ("sr_RS@latin" is Serbian in
+  // Latin letters, where plain "sr_RS" is Cyrillic); other modifiers ("@euro") are dropped.
+  const size_t at = posix.find('@');
+  const std::string_view script =
+      at == std::string_view::npos ? std::string_view() : scriptOfModifier(posix.substr(at + 1));
+  if (!script.empty() && part(id, &uloc_getScript).empty()) {
+    const std::string country = part(id, &uloc_getCountry);
+    id = part(id, &uloc_getLanguage) + "_" + std::string(script) +
+         (country.empty() ? "" : "_" + country);
+  }
+  return id;
 }
 
 Ref<Locale> Locale::current() {

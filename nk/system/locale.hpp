@@ -26,7 +26,8 @@ class Locale final : public Object {
 
  public:
   // The user's locale from the environment: "en_US.UTF-8" gives "en_US",
-  // "sr_RS@latin" gives "sr_RS", and "C", "POSIX" or nothing gives "en_US_POSIX".
+  // "de_DE@euro" gives "de_DE", a script modifier picks the script ("sr_RS@latin"
+  // gives "sr_Latn_RS"), and "C", "POSIX" or nothing gives "en_US_POSIX".
   // Also makes it ICU's default locale (under a lock; ICU's default is
   // process-wide) when it differs from the default.
   static Ref<Locale> current();

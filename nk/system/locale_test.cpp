@@ -42,8 +42,14 @@ TEST(Locale, CurrentFollowsTheEnvironment) {
   // the POSIX locale, a modifier, nothing at all
   ScopedEnv posix("LANG", std::string("C.UTF-8"));
   EXPECT_EQ(currentIdentifier(), "en_US_POSIX");
-  ScopedEnv modifier("LANG", std::string("sr_RS@latin"));
-  EXPECT_EQ(currentIdentifier(), "sr_RS");
+  // A modifier naming a script picks it (Serbian in Latin letters, Uzbek in Cyrillic);
+  // others say nothing about the language.
+  for (auto [posixName, icuName] :
+       {std::pair{"sr_RS@latin", "sr_Latn_RS"}, std::pair{"uz_UZ.UTF-8@cyrillic", "uz_Cyrl_UZ"},
+        std::pair{"de_DE@euro", "de_DE"}, std::pair{"sr_Latn_RS@latin", "sr_Latn_RS"}}) {
+    ScopedEnv modifier("LANG", std::string(posixName));
+    EXPECT_EQ(currentIdentifier(), icuName) << posixName;
+  }
   ScopedEnv none("LANG", std::nullopt);
   EXPECT_EQ(Locale::current()->languageCode()->utf8(), "en");
 }
