@@ -21,6 +21,7 @@
 #include "nk/foundation/number.hpp"
 #include "nk/foundation/property_list.hpp"
 #include "nk/system/bundle_internal.hpp"
+#include "nk/system/locale.hpp"
 #include "nk/system/strings_table.hpp"
 
 #ifndef NK_LIBRARY_BUNDLE_DIR
@@ -170,12 +171,25 @@ void addLanguage(std::vector<std::string>& out, std::string language) {
   out.push_back(std::move(language));
 }
 
-// "fr_FR.UTF-8@euro" → "fr_FR", "fr-FR", "fr".
+// "fr_FR.UTF-8@euro" → "fr_FR", "fr-FR", "fr"; a modifier naming a script puts the names
+// with that script first: "sr_RS@latin" → "sr-Latn-RS", "sr-Latn", then "sr_RS", "sr-RS", "sr".
 void addLocale(std::vector<std::string>& out, std::string_view locale) {
+  const size_t at = locale.find('@');
+  const std::string_view script = at == std::string_view::npos
+                                      ? std::string_view()
+                                      : scriptOfPosixModifier(locale.substr(at + 1));
   locale = locale.substr(0, locale.find_first_of(".@"));
   if (locale.empty() || locale == "C" || locale == "POSIX") return;
   std::string name(locale);
   size_t separator = name.find_first_of("_-");
+  if (!script.empty()) {
+    const std::string language = name.substr(0, separator);
+    const std::string withScript = language + "-" + std::string(script);
+    if (separator != std::string::npos) {
+      addLanguage(out, withScript + "-" + name.substr(separator + 1));
+    }
+    addLanguage(out, withScript);
+  }
   if (separator == std::string::npos) {
     addLanguage(out, name);
     return;

@@ -68,8 +68,10 @@ class Bundle final : public Object {
 
   // The user's languages, most preferred first: LANGUAGE (a ":"-separated list) when it names
   // any, else the first set of LC_ALL, LC_MESSAGES and LANG. "fr_FR.UTF-8@euro" gives
-  // "fr_FR", "fr-FR", "fr". "C" and "POSIX" name no language; when that locale is exactly
-  // "C" or "POSIX" (or none is set) LANGUAGE is ignored too, as gettext does.
+  // "fr_FR", "fr-FR", "fr"; a modifier naming a script comes first with it: "sr_RS@latin"
+  // gives "sr-Latn-RS", "sr-Latn", "sr_RS", "sr-RS", "sr". "C" and "POSIX" name no language; when
+  // that locale is exactly "C" or "POSIX" (or none is set) LANGUAGE is ignored too, as gettext
+  // does.
   static std::vector<std::string> preferredLanguages();
 
   // Use bundleWithPath or mainBundle.

@@ -140,6 +140,13 @@ TEST(Bundle, PreferredLanguages) {
   EXPECT_EQ(Bundle::preferredLanguages(), (List{"fr_FR", "fr-FR", "fr"}));
   ScopedEnv messages("LC_MESSAGES", std::string("de_DE@euro"));
   EXPECT_EQ(Bundle::preferredLanguages(), (List{"de_DE", "de-DE", "de"}));
+  {  // A modifier naming a script: Serbian in Latin letters before the Cyrillic default.
+    ScopedEnv latin("LC_MESSAGES", std::string("sr_RS.UTF-8@latin"));
+    EXPECT_EQ(Bundle::preferredLanguages(),
+              (List{"sr-Latn-RS", "sr-Latn", "sr_RS", "sr-RS", "sr"}));
+    ScopedEnv language("LANGUAGE", std::string("sr@latin"));
+    EXPECT_EQ(Bundle::preferredLanguages(), (List{"sr-Latn", "sr"}));
+  }
   ScopedEnv all("LC_ALL", std::string("C.UTF-8"));
   EXPECT_EQ(Bundle::preferredLanguages(), List{});
   ScopedEnv language("LANGUAGE", std::string("pt_BR:pt:en"));

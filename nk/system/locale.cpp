@@ -50,15 +50,14 @@ bool plausibleIdentifier(std::string_view id) {
   return true;
 }
 
-// The ISO 15924 code of the scripts glibc's locale modifiers name.
-std::string_view scriptOfModifier(std::string_view modifier) {
+}  // namespace
+
+std::string_view scriptOfPosixModifier(std::string_view modifier) noexcept {
   if (modifier == "latin") return "Latn";
   if (modifier == "cyrillic") return "Cyrl";
   if (modifier == "devanagari") return "Deva";
   return {};
 }
-
-}  // namespace
 
 std::string icuLocaleFromPosix(std::string_view posix) {
   // Codeset and modifier are POSIX notions; ICU reads "@" as its keyword marker.
@@ -71,8 +70,9 @@ std::string icuLocaleFromPosix(std::string_view posix) {
   // A modifier that names a script picks the writing system ("sr_RS@latin" is Serbian in
   // Latin letters, where plain "sr_RS" is Cyrillic); other modifiers ("@euro") are dropped.
   const size_t at = posix.find('@');
-  const std::string_view script =
-      at == std::string_view::npos ? std::string_view() : scriptOfModifier(posix.substr(at + 1));
+  const std::string_view script = at == std::string_view::npos
+                                      ? std::string_view()
+                                      : scriptOfPosixModifier(posix.substr(at + 1));
   if (!script.empty() && part(id, &uloc_getScript).empty()) {
     const std::string country = part(id, &uloc_getCountry);
     id = part(id, &uloc_getLanguage) + "_" + std::string(script) +

@@ -67,4 +67,8 @@ class Locale final : public Object {
 // Exposed for the formatters and for tests.
 std::string icuLocaleFromPosix(std::string_view posix);
 
+// The ISO 15924 script code a POSIX locale modifier names ("latin" → "Latn",
+// "cyrillic" → "Cyrl", "devanagari" → "Deva"); empty for other modifiers ("euro").
+std::string_view scriptOfPosixModifier(std::string_view modifier) noexcept;
+
 }  // namespace nk
