@@ -397,5 +397,45 @@ TEST(KeyedArchive, SharedObjectsCannotMultiplyWork) {
   EXPECT_TRUE(refused(data.get(), "size"));
 }
 
+TEST(KeyedArchive, TablesTooCostlyToTellApartAreRefused) {
+  // Arrays hash to their count, so a set of arrays, or a dictionary keyed by
+  // them, is built by testing its members pair by pair. Each member here is
+  // [chain, i], the chain doubling `levels` times over one shared leaf: every
+  // test walks 2^(levels + 1) elements before the two differ.
+  auto archive = [](bool asKeys, uint64_t members, uint64_t levels) {
+    const uint64_t leaf = 2, cls = 3;
+    std::vector<Id> objects = {str("$null"), nullptr, str("x"), arrayClass()};
+    std::vector<Id> refs, tags;
+    for (uint64_t m = 0; m < members; ++m) {
+      uint64_t top = leaf;
+      for (uint64_t l = 0; l < levels; ++l) {
+        objects.push_back(arrayBody({uid(top), uid(top)}, cls));
+        top = objects.size() - 1;
+      }
+      objects.push_back(Number::withLongLong(static_cast<int64_t>(m)));
+      tags.push_back(uid(objects.size() - 1));
+      objects.push_back(arrayBody({uid(top), tags.back()}, cls));
+      refs.push_back(uid(objects.size() - 1));
+    }
+    objects.push_back(classInfo({str(asKeys ? "NSDictionary" : "NSSet"), str("NSObject")}));
+    const Id rootClass = uid(objects.size() - 1);
+    objects[1] = asKeys ? Dictionary::make({{str("NS.keys"), Array::make(std::move(refs))},
+                                            {str("NS.objects"), Array::make(std::move(tags))},
+                                            {str("$class"), rootClass}})
+                        : Dictionary::make({{str("NS.objects"), Array::make(std::move(refs))},
+                                            {str("$class"), rootClass}});
+    return archiveOf(std::move(objects));
+  };
+  auto small = cast<Set>(decode(archive(false, 7, 8).get()));
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->count(), 7u);
+  auto keyed = cast<Dictionary>(decode(archive(true, 7, 8).get()));
+  ASSERT_TRUE(keyed);
+  EXPECT_EQ(keyed->count(), 7u);
+  // 21 pairs of 2^21 elements each, from a few kilobytes
+  EXPECT_TRUE(refused(archive(false, 7, 20).get(), "Telling apart"));
+  EXPECT_TRUE(refused(archive(true, 7, 20).get(), "Telling apart"));
+}
+
 }  // namespace
 }  // namespace nk

@@ -66,6 +66,8 @@ struct KeyedUnarchiver::State {
   // Objects made plus container elements read; an archive gets about one unit per
   // byte, so that shared tables cannot multiply the work or the memory.
   uint64_t budget = 0;
+  // The worst the equality tests of the sets and dictionaries so far may cost.
+  uint64_t equalityWork = 0;
   Ref<Error> error;
 
   void fail(const std::string& reason) {
@@ -85,8 +87,10 @@ struct KeyedUnarchiver::State {
   Id decodeInstance(const Dictionary& body, Allowed allowed);
   const Class* classOf(const Dictionary& body);
   Id decodeBody(const Class& cls, const Dictionary& body, Allowed allowed);
+  // `sizes`, when given, receives each element's expanded count.
   bool decodeElements(const Dictionary& body, const String* key, Allowed allowed,
-                      std::vector<Id>& out);
+                      std::vector<Id>& out, std::vector<uint64_t>* sizes = nullptr);
+  bool affordTable(const std::vector<Id>& members, const std::vector<uint64_t>& sizes);
   Id decodeHost(const Class& cls, const Dictionary& body);
   const Object* valueForCoderKey(std::string_view key);
   const Number* numberForKey(std::string_view key);
@@ -199,7 +203,8 @@ Id KeyedUnarchiver::State::decodeInstance(const Dictionary& body, Allowed allowe
 }
 
 bool KeyedUnarchiver::State::decodeElements(const Dictionary& body, const String* key,
-                                            Allowed allowed, std::vector<Id>& out) {
+                                            Allowed allowed, std::vector<Id>& out,
+                                            std::vector<uint64_t>* sizes) {
   const Id& value = body.objectForKey(key);
   if (!value) return true;  // absent: empty
   auto* refs = cast<Array>(value.get());
@@ -210,12 +215,27 @@ bool KeyedUnarchiver::State::decodeElements(const Dictionary& body, const String
   if (!spend(refs->count())) return false;
   out.reserve(refs->count());
   for (const Id& ref : *refs) {
+    const uint64_t before = frameExpanded;
     Id element = decodeReference(ref.get(), allowed);
     if (!element) {
       fail("An archived collection holds nil.");
       return false;
     }
     out.push_back(std::move(element));
+    if (sizes) sizes->push_back(frameExpanded - before);
+  }
+  return true;
+}
+
+bool KeyedUnarchiver::State::affordTable(const std::vector<Id>& members,
+                                         const std::vector<uint64_t>& sizes) {
+  std::vector<std::pair<const Object*, uint64_t>> sized;
+  sized.reserve(members.size());
+  for (size_t i = 0; i < members.size(); ++i) sized.emplace_back(members[i].get(), sizes[i]);
+  equalityWork += plist_internal::worstEqualityWork(sized);
+  if (equalityWork > plist_internal::kMaxEqualityWork) {
+    fail("Telling apart the members of the archive's sets and dictionaries would take too long.");
+    return false;
   }
   return true;
 }
@@ -226,7 +246,8 @@ Id KeyedUnarchiver::State::decodeBody(const Class& cls, const Dictionary& body, 
                    &cls == &MutableString::staticClass() || &cls == &MutableData::staticClass();
   if (&cls == &Dictionary::staticClass() || &cls == &MutableDictionary::staticClass()) {
     std::vector<Id> keys, values;
-    if (!decodeElements(body, NK_STR("NS.keys"), allowed, keys) ||
+    std::vector<uint64_t> keySizes;
+    if (!decodeElements(body, NK_STR("NS.keys"), allowed, keys, &keySizes) ||
         !decodeElements(body, NK_STR("NS.objects"), allowed, values)) {
       return nullptr;
     }
@@ -234,6 +255,7 @@ Id KeyedUnarchiver::State::decodeBody(const Class& cls, const Dictionary& body, 
       fail("An archived dictionary has different numbers of keys and values.");
       return nullptr;
     }
+    if (!affordTable(keys, keySizes)) return nullptr;
     std::vector<std::pair<Id, Id>> entries;
     entries.reserve(keys.size());
     for (size_t i = 0; i < keys.size(); ++i) {
@@ -254,7 +276,11 @@ Id KeyedUnarchiver::State::decodeBody(const Class& cls, const Dictionary& body, 
   }
   if (&cls == &Set::staticClass() || &cls == &MutableSet::staticClass()) {
     std::vector<Id> items;
-    if (!decodeElements(body, NK_STR("NS.objects"), allowed, items)) return nullptr;
+    std::vector<uint64_t> sizes;
+    if (!decodeElements(body, NK_STR("NS.objects"), allowed, items, &sizes) ||
+        !affordTable(items, sizes)) {
+      return nullptr;
+    }
     auto set = Set::make(items);
     return isMutable ? set->mutableCopy() : Id(std::move(set));
   }

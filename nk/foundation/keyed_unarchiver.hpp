@@ -17,9 +17,11 @@
 namespace nk {
 
 // Archives are untrusted: truncated or corrupt input, references out of range or
-// in a cycle, wrong types, classes outside the allow-list, absurd counts and deep
-// nesting give nil and an Error (kCocoaErrorDomain, code 4864), never a crash or
-// memory out of proportion to the input.
+// in a cycle, wrong types, classes outside the allow-list, absurd counts, deep
+// nesting, and sets or dictionary keys that would take more than 16 million
+// element comparisons to tell apart give nil and an Error (kCocoaErrorDomain,
+// code 4864), never a crash, memory out of proportion to the input or work
+// without bound.
 inline constexpr long kCoderReadCorruptError = 4864;
 
 class KeyedUnarchiver {

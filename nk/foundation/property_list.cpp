@@ -45,6 +45,33 @@ std::string describeByte(uint8_t byte) {
   return std::string("0x") + kHex[byte >> 4] + kHex[byte & 15];
 }
 
+uint64_t worstEqualityWork(std::span<const std::pair<const Object*, uint64_t>> members) {
+  struct Member {
+    size_t hash;
+    uint64_t size;
+    const Object* object;
+  };
+  std::vector<Member> sorted;
+  sorted.reserve(members.size());
+  for (const auto& [object, size] : members) sorted.push_back({object->hash(), size, object});
+  // Within a group in decreasing order of size, a member costs its own size once
+  // for each larger member before it. The same object twice is found by identity.
+  std::sort(sorted.begin(), sorted.end(), [](const Member& a, const Member& b) {
+    if (a.hash != b.hash) return a.hash < b.hash;
+    if (a.size != b.size) return a.size > b.size;
+    return std::less<const Object*>()(a.object, b.object);
+  });
+  uint64_t work = 0;
+  uint64_t before = 0;
+  for (size_t i = 1; i < sorted.size(); ++i) {
+    if (sorted[i].object == sorted[i - 1].object) continue;
+    before = sorted[i].hash == sorted[i - 1].hash ? before + 1 : 0;
+    work += std::min(sorted[i].size, kMaxEqualityWork + 1) * before;
+    if (work > kMaxEqualityWork) return kMaxEqualityWork + 1;
+  }
+  return work;
+}
+
 namespace {
 
 const char* formatNumber(PropertyListFormat format) {
@@ -160,8 +187,16 @@ class Flattener {
         if (!add(element.get())) return -1;
       }
     } else if (kind == Kind::kSet) {
+      std::vector<std::pair<const Object*, uint64_t>> members;
+      members.reserve(cast<Set>(object)->count());
       for (const Id& element : *cast<Set>(object)) {
         if (!add(element.get())) return -1;
+        members.emplace_back(element.get(), expanded_[graph_.nodes[index].children.back()]);
+      }
+      equalityWork_ += worstEqualityWork(members);
+      if (equalityWork_ > kMaxEqualityWork) {
+        return fail("telling the members of its sets apart could take more than " +
+                    std::to_string(kMaxEqualityWork) + " comparisons");
       }
     } else {
       const auto* dict = cast<Dictionary>(object);
@@ -197,6 +232,7 @@ class Flattener {
   std::vector<uint8_t> onPath_;
   std::vector<uint32_t> height_;
   std::vector<uint64_t> expanded_;
+  uint64_t equalityWork_ = 0;  // the worst the sets so far may cost a reader
 };
 
 }  // namespace

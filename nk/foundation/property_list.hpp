@@ -87,9 +87,11 @@ class PlistUID final : public Object {
 // Number (integers, reals, Booleans), Date, Data, Array, Dictionary with string
 // keys, PlistUID, and in the binary form Set. Anything else, a nil root, a
 // cycle, nesting deeper than kPropertyListMaxDepth, a graph whose shared
-// objects, counted once per path, come to more than 16 million elements (the
-// readers refuse such input), or an unpaired surrogate in XML text gives nullopt
-// and, when `error` is given, an Error of code 3852.
+// objects, counted once per path, come to more than 16 million elements, sets
+// whose members could take more than 16 million element comparisons to tell
+// apart (arrays, dictionaries and sets of one count hash alike; the readers
+// refuse such input), or an unpaired surrogate in XML text gives nullopt and,
+// when `error` is given, an Error of code 3852.
 //
 // The binary form stores equal scalars and repeated containers once. The XML
 // form writes dates in whole seconds (as the platform does) and reals in their

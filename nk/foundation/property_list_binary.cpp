@@ -84,8 +84,9 @@ class BinaryReader {
     uint64_t next = 0;   // references consumed
     uint64_t total = 0;  // references in all
     std::vector<Id> items;
-    uint32_t height = 0;    // greatest height among the children
-    uint64_t expanded = 1;  // this container plus its children's expansions
+    std::vector<uint64_t> sizes;  // of a set: each member's expanded count
+    uint32_t height = 0;          // greatest height among the children
+    uint64_t expanded = 1;        // this container plus its children's expansions
   };
 
   bool fail(std::string why) {
@@ -108,7 +109,8 @@ class BinaryReader {
   uint64_t count_ = 0;
   uint64_t top_ = 0;
   uint64_t tableOffset_ = 0;
-  uint64_t consumed_ = 0;  // bytes spanned by the objects decoded so far
+  uint64_t consumed_ = 0;      // bytes spanned by the objects decoded so far
+  uint64_t equalityWork_ = 0;  // the worst the sets read so far may cost
   std::vector<Id> memo_;
   std::vector<uint8_t> state_;  // 0 unseen, 1 being read, 2 done
   std::vector<uint32_t> height_;
@@ -342,6 +344,7 @@ int BinaryReader::resolve(uint64_t object, std::vector<Frame>& stack) {
 
 void BinaryReader::addChild(Frame& frame, uint64_t child) {
   frame.items.push_back(memo_[child]);
+  if (frame.header.type == kTypeSet) frame.sizes.push_back(expanded_[child]);
   frame.height = std::max(frame.height, height_[child]);
   frame.expanded = std::min(frame.expanded + expanded_[child], kMaxExpandedCount + 1);
 }
@@ -362,6 +365,17 @@ Id BinaryReader::finish(Frame& frame) {
   if (frame.header.type == kTypeArray) {
     result = Array::make(std::move(frame.items));
   } else if (frame.header.type == kTypeSet) {
+    std::vector<std::pair<const Object*, uint64_t>> members;
+    members.reserve(frame.items.size());
+    for (size_t i = 0; i < frame.items.size(); ++i) {
+      members.emplace_back(frame.items[i].get(), frame.sizes[i]);
+    }
+    equalityWork_ += worstEqualityWork(members);
+    if (equalityWork_ > kMaxEqualityWork) {
+      fail("Binary property list: telling the members of its sets apart could take more than " +
+           std::to_string(kMaxEqualityWork) + " comparisons");
+      return nullptr;
+    }
     result = Set::make(frame.items);
   } else {
     const size_t n = frame.header.count;

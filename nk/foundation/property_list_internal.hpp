@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nk/foundation/object.hpp"
@@ -17,6 +18,19 @@ namespace nk::plist_internal {
 // time they are reached). Readers refuse more, writers too, so that recursive
 // walks of anything read here stay bounded.
 inline constexpr uint64_t kMaxExpandedCount = uint64_t{1} << 24;
+
+// Building a set (or a dictionary with container keys) tests members of equal
+// hash for equality pair by pair, and arrays, dictionaries and sets hash to
+// their count. Each test may walk the smaller member's expanded count, so a set
+// of shared containers can ask for this much work many times over. Readers
+// refuse a document whose tables would need more, writers too.
+inline constexpr uint64_t kMaxEqualityWork = kMaxExpandedCount;
+
+// The most work the equality tests of one table can take: for each group of
+// members with equal hashes, every pair of distinct objects costs the smaller
+// expanded count. `members` holds (member, expanded count) pairs; the result
+// saturates at kMaxEqualityWork + 1.
+uint64_t worstEqualityWork(std::span<const std::pair<const Object*, uint64_t>> members);
 
 // Each reader returns nil and sets `reason` (one sentence) on failure.
 Id readBinary(std::span<const uint8_t> bytes, std::string& reason);

@@ -682,6 +682,40 @@ TEST(BinaryPropertyList, RefusesCyclesDepthAndExpansionBombs) {
   EXPECT_EQ(shared->objectAtIndex(0).get(), shared->objectAtIndex(1).get());
 }
 
+TEST(BinaryPropertyList, RefusesSetsTooCostlyToTellApart) {
+  // Arrays hash to their count, so a set's array members are told apart by
+  // equality tests, pair by pair. Object 0 is a set of `members` arrays, each
+  // [doubling chain of `levels` arrays over one shared leaf, its own integer]:
+  // every test walks a whole chain, 2^(levels + 1) elements, before it differs.
+  auto costlySet = [](uint64_t members, uint64_t levels) {
+    const uint64_t perMember = levels + 2, leaf = 1 + members * perMember;
+    std::vector<Bytes> objects(1);
+    std::vector<uint64_t> refs;
+    for (uint64_t m = 0; m < members; ++m) {
+      const uint64_t first = objects.size();
+      if (levels) objects.push_back(array({leaf, leaf}, 2));
+      for (uint64_t l = 1; l < levels; ++l)
+        objects.push_back(array({first + l - 1, first + l - 1}, 2));
+      const uint64_t top = levels ? objects.size() - 1 : leaf;
+      objects.push_back({0x11, static_cast<uint8_t>(m >> 8), static_cast<uint8_t>(m)});
+      refs.push_back(objects.size());
+      objects.push_back(array({top, objects.size() - 1}, 2));
+    }
+    objects.push_back(ascii("x"));
+    objects[0] = array(refs, 2);
+    objects[0][0] = static_cast<uint8_t>(0xC0 | (objects[0][0] & 0x0F));
+    return bplist(objects, 2);
+  };
+  Ref<Error> error;
+  auto small = cast<Set>(readPropertyList(costlySet(7, 8), &error));
+  ASSERT_TRUE(small) << reasonOf(error);
+  EXPECT_EQ(small->count(), 7u);
+  // 21 pairs of 2^21 elements each: well over the limit, from a 3 KB file.
+  EXPECT_TRUE(failsWith(costlySet(7, 20), "members of its sets apart"));
+  // 4,200 arrays [x, i] and no chains: about 8.8 million pairs.
+  EXPECT_TRUE(failsWith(costlySet(4200, 0), "members of its sets apart"));
+}
+
 TEST(PropertyList, XMLDepthLimit) {
   auto nested = [](size_t depth) {
     std::string xml = "<plist>";
@@ -708,6 +742,13 @@ TEST(PropertyList, WriterRefusesWhatItCannotWrite) {
   for (size_t i = 0; i < kPropertyListMaxDepth; ++i) deep = Array::make({deep});
   Id expanding = Array::make({str("x")});
   for (int i = 0; i < 30; ++i) expanding = Array::make({expanding, expanding});
+  // Seven arrays of 2^21 elements in a set: a reader would refuse to tell them apart.
+  std::vector<Id> bulky;
+  for (int m = 0; m < 7; ++m) {
+    Id chain = str("x");
+    for (int i = 0; i < 20; ++i) chain = Array::make({chain, chain});
+    bulky.push_back(Array::make({Number::withInt(m), chain}));
+  }
   // Each root, the form to write it in, and a part of the reason it is refused.
   const std::tuple<Id, PropertyListFormat, const char*> rows[] = {
       {Null::null(), PropertyListFormat::kBinary, "objects of type 'Null'"},
@@ -718,6 +759,7 @@ TEST(PropertyList, WriterRefusesWhatItCannotWrite) {
       {selfContaining, PropertyListFormat::kXML, "cycle"},
       {deep, PropertyListFormat::kBinary, "nested more than 512"},
       {expanding, PropertyListFormat::kXML, "expand"},
+      {Set::make(bulky), PropertyListFormat::kBinary, "members of its sets apart"},
       {Set::make({str("a")}), PropertyListFormat::kXML, "objects of type 'Set'"},
       {String::withCharacters(u"\xD800"), PropertyListFormat::kXML, "unpaired surrogate"},
       {nullptr, PropertyListFormat::kBinary, "nil"},
