@@ -3,6 +3,7 @@
 // anything of it is made. Bounded in depth and in total work by the input's size.
 #include "nk/foundation/keyed_unarchiver.hpp"
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -60,6 +61,11 @@ struct KeyedUnarchiver::State {
   // and hashing would walk for ever.
   std::vector<uint64_t> expanded;
   uint64_t frameExpanded = 0;
+  // The classes inside each decoded array, dictionary or set, so that one reached
+  // again under other allowed classes can be checked whole. A host object's
+  // contents were checked against the classes it asked for, and stay its own.
+  std::vector<std::vector<const Class*>> contents;
+  std::vector<const Class*>* frameClasses = nullptr;
   // The dictionary of the host object whose initWithCoder is running.
   const Dictionary* current = nullptr;
   size_t depth = 0;
@@ -83,6 +89,7 @@ struct KeyedUnarchiver::State {
   }
 
   Id decodeReference(const Object* value, Allowed allowed);
+  bool isAllowedWhole(uint64_t index, Allowed allowed);
   Id decodeEntry(uint64_t index, Allowed allowed);
   Id decodeInstance(const Dictionary& body, Allowed allowed);
   const Class* classOf(const Dictionary& body);
@@ -104,6 +111,15 @@ Id KeyedUnarchiver::State::decodeReference(const Object* value, Allowed allowed)
     return nullptr;
   }
   Id result = decodeEntry(uid->value(), allowed);
+  if (result && frameClasses) {
+    auto add = [this](const Class* cls) {
+      if (std::find(frameClasses->begin(), frameClasses->end(), cls) == frameClasses->end()) {
+        frameClasses->push_back(cls);
+      }
+    };
+    add(&result->objectClass());
+    for (const Class* cls : contents[uid->value()]) add(cls);
+  }
   if (result) {
     frameExpanded += expanded[uid->value()];
     if (frameExpanded > plist_internal::kMaxExpandedCount) {
@@ -114,6 +130,19 @@ Id KeyedUnarchiver::State::decodeReference(const Object* value, Allowed allowed)
   return result;
 }
 
+bool KeyedUnarchiver::State::isAllowedWhole(uint64_t index, Allowed allowed) {
+  auto refused = [&](const Class& cls) {
+    if (isAllowed(cls, allowed)) return false;
+    fail("The archive's class '" + cls.name() + "' is not among the allowed classes.");
+    return true;
+  };
+  if (refused(decoded[index]->objectClass())) return false;
+  for (const Class* cls : contents[index]) {
+    if (refused(*cls)) return false;
+  }
+  return true;
+}
+
 Id KeyedUnarchiver::State::decodeEntry(uint64_t index, Allowed allowed) {
   if (index == 0) return nullptr;  // "$null"
   if (index >= objects->count()) {
@@ -122,12 +151,7 @@ Id KeyedUnarchiver::State::decodeEntry(uint64_t index, Allowed allowed) {
   }
   switch (progress[index]) {
     case Progress::kDone:
-      if (!isAllowed(decoded[index]->objectClass(), allowed)) {
-        fail("The archive's class '" + decoded[index]->objectClass().name() +
-             "' is not among the allowed classes.");
-        return nullptr;
-      }
-      return decoded[index];
+      return isAllowedWhole(index, allowed) ? decoded[index] : nullptr;
     case Progress::kDecoding:
       fail("The archive's objects refer to each other in a cycle.");
       return nullptr;
@@ -146,8 +170,14 @@ Id KeyedUnarchiver::State::decodeEntry(uint64_t index, Allowed allowed) {
     }
     ++depth;
     uint64_t outer = std::exchange(frameExpanded, 1);
+    std::vector<const Class*> inner;
+    std::vector<const Class*>* outerClasses = std::exchange(frameClasses, &inner);
     result = decodeInstance(*body, allowed);
     expanded[index] = std::exchange(frameExpanded, outer);
+    frameClasses = outerClasses;
+    if (cast<Array>(result.get()) || cast<Dictionary>(result.get()) || cast<Set>(result.get())) {
+      contents[index] = std::move(inner);
+    }
     --depth;
   } else if (cast<String>(entry.get()) || cast<Number>(entry.get()) || cast<Data>(entry.get()) ||
              cast<Date>(entry.get())) {
@@ -394,6 +424,7 @@ Id KeyedUnarchiver::unarchivedObjectOfClasses(std::span<const Class* const> clas
     state.decoded.resize(objects->count());
     state.progress.assign(objects->count(), Progress::kNew);
     state.expanded.resize(objects->count());
+    state.contents.resize(objects->count());
     state.budget = 2 * uint64_t{data->length()} + 1024;
     return state.decodeReference(top->objectForKey(NK_STR("root")).get(), classes);
   }();

@@ -210,6 +210,17 @@ TEST(SecureCoding, AllowListAppliesToHostClasses) {
   const Class* const withToken[] = {&Dictionary::staticClass(), &String::staticClass(),
                                     &ArchiveToken::staticClass()};
   EXPECT_TRUE(archiveAndDecode(dict.get(), withToken));
+  // ...and what it decoded is not let through where it is reached again: the
+  // token's scopes array, shared with the root, would bring a String into a
+  // result that allows only arrays and tokens
+  auto token = sampleToken();
+  const Class* const arraysAndTokens[] = {&Array::staticClass(), &ArchiveToken::staticClass()};
+  error = nullptr;
+  EXPECT_FALSE(
+      archiveAndDecode(Array::make({token, token->scopes}).get(), arraysAndTokens, &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->description()->utf8().find("'String'"), std::string::npos);
+  EXPECT_TRUE(archiveAndDecode(Array::make({token, token->child}).get(), arraysAndTokens));
   // a host class that fails its own decode fails the whole archive
   Ref<Data> refusing =
       KeyedArchiver::archivedDataWithRootObject(Array::make({make<Refusing>()}).get(), true);
