@@ -37,6 +37,13 @@ void checkNoNil(std::span<const Id> objects, const Object* self) {
   }
 }
 
+// An element's part of its array's hash: an array inside adds only its count, so that
+// hashing stays O(1) however deep arrays nest or share elements.
+size_t elementHash(const Object* element) noexcept {
+  const auto* array = cast<Array>(element);
+  return array ? array->count() : element->hash();
+}
+
 }  // namespace
 
 // ---- Array -------------------------------------------------------------------
@@ -136,7 +143,16 @@ bool Array::isEqual(const Object* other) const noexcept {
   return isEqualToArray(cast<Array>(other));
 }
 
-size_t Array::hash() const noexcept { return items_.size(); }
+// The count alone would make every set of same-length arrays (pairs read from a
+// property list, say) compare its members pair by pair; the end elements spread them.
+size_t Array::hash() const noexcept {
+  size_t h = items_.size();
+  if (!items_.empty()) {
+    h = (h ^ elementHash(items_.front().get())) * 0x9e3779b97f4a7c15u;
+    h = (h ^ elementHash(items_.back().get())) * 0x9e3779b97f4a7c15u;
+  }
+  return h;
+}
 
 Ref<String> Array::description() const { return description_internal::describeCollection(this); }
 

@@ -81,7 +81,8 @@ class Array : public Object {
   bool isEqualToArray(const Array* other) const noexcept;
 
   bool isEqual(const Object* other) const noexcept override;
-  // The count, as the platform hashes arrays.
+  // The count mixed with the hashes of the first and last elements (of an array
+  // element, its count), so that hashing is O(1).
   size_t hash() const noexcept override;
   // Old-style property-list text: "(\n    1,\n    2\n)", "(\n)" when empty.
   Ref<String> description() const override;

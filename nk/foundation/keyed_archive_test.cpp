@@ -398,10 +398,11 @@ TEST(KeyedArchive, SharedObjectsCannotMultiplyWork) {
 }
 
 TEST(KeyedArchive, TablesTooCostlyToTellApartAreRefused) {
-  // Arrays hash to their count, so a set of arrays, or a dictionary keyed by
-  // them, is built by testing its members pair by pair. Each member here is
-  // [chain, i], the chain doubling `levels` times over one shared leaf: every
-  // test walks 2^(levels + 1) elements before the two differ.
+  // Arrays hash by their count and end elements, so a set of arrays, or a
+  // dictionary keyed by them, that differ only inside is built by testing its
+  // members pair by pair. Each member here is [leaf, chain, i, leaf], the chain
+  // doubling `levels` times over that leaf: every test walks 2^(levels + 1)
+  // elements before the two differ.
   auto archive = [](bool asKeys, uint64_t members, uint64_t levels) {
     const uint64_t leaf = 2, cls = 3;
     std::vector<Id> objects = {str("$null"), nullptr, str("x"), arrayClass()};
@@ -414,7 +415,7 @@ TEST(KeyedArchive, TablesTooCostlyToTellApartAreRefused) {
       }
       objects.push_back(Number::withLongLong(static_cast<int64_t>(m)));
       tags.push_back(uid(objects.size() - 1));
-      objects.push_back(arrayBody({uid(top), tags.back()}, cls));
+      objects.push_back(arrayBody({uid(leaf), uid(top), tags.back(), uid(leaf)}, cls));
       refs.push_back(uid(objects.size() - 1));
     }
     objects.push_back(classInfo({str(asKeys ? "NSDictionary" : "NSSet"), str("NSObject")}));

@@ -89,9 +89,9 @@ class PlistUID final : public Object {
 // cycle, nesting deeper than kPropertyListMaxDepth, a graph whose shared
 // objects, counted once per path, come to more than 16 million elements, sets
 // whose members could take more than 16 million element comparisons to tell
-// apart (arrays, dictionaries and sets of one count hash alike; the readers
-// refuse such input), or an unpaired surrogate in XML text gives nullopt and,
-// when `error` is given, an Error of code 3852.
+// apart (arrays of one count and end elements hash alike, as do dictionaries
+// and sets of one count; the readers refuse such input), or an unpaired surrogate in XML text gives
+// nullopt and, when `error` is given, an Error of code 3852.
 //
 // The binary form stores equal scalars and repeated containers once. The XML
 // form writes dates in whole seconds (as the platform does) and reals in their

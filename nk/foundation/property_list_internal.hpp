@@ -20,10 +20,10 @@ namespace nk::plist_internal {
 inline constexpr uint64_t kMaxExpandedCount = uint64_t{1} << 24;
 
 // Building a set (or a dictionary with container keys) tests members of equal
-// hash for equality pair by pair, and arrays, dictionaries and sets hash to
-// their count. Each test may walk the smaller member's expanded count, so a set
-// of shared containers can ask for this much work many times over. Readers
-// refuse a document whose tables would need more, writers too.
+// hash for equality pair by pair; arrays hash by their count and end elements,
+// dictionaries and sets by their count. Each test may walk the smaller member's expanded count, so
+// a set of shared containers can ask for this much work many times over. Readers refuse a document
+// whose tables would need more, writers too.
 inline constexpr uint64_t kMaxEqualityWork = kMaxExpandedCount;
 
 // The most work the equality tests of one table can take: for each group of

@@ -683,10 +683,11 @@ TEST(BinaryPropertyList, RefusesCyclesDepthAndExpansionBombs) {
 }
 
 TEST(BinaryPropertyList, RefusesSetsTooCostlyToTellApart) {
-  // Arrays hash to their count, so a set's array members are told apart by
-  // equality tests, pair by pair. Object 0 is a set of `members` arrays, each
-  // [doubling chain of `levels` arrays over one shared leaf, its own integer]:
-  // every test walks a whole chain, 2^(levels + 1) elements, before it differs.
+  // Arrays hash by their count and end elements, so a set of arrays that differ
+  // only inside is built by equality tests, pair by pair. Object 0 is a set of
+  // `members` arrays, each [leaf, doubling chain of `levels` arrays over that
+  // leaf, its own integer, leaf]: every test walks a whole chain, 2^(levels + 1)
+  // elements, before it differs.
   auto costlySet = [](uint64_t members, uint64_t levels) {
     const uint64_t perMember = levels + 2, leaf = 1 + members * perMember;
     std::vector<Bytes> objects(1);
@@ -699,7 +700,7 @@ TEST(BinaryPropertyList, RefusesSetsTooCostlyToTellApart) {
       const uint64_t top = levels ? objects.size() - 1 : leaf;
       objects.push_back({0x11, static_cast<uint8_t>(m >> 8), static_cast<uint8_t>(m)});
       refs.push_back(objects.size());
-      objects.push_back(array({top, objects.size() - 1}, 2));
+      objects.push_back(array({leaf, top, objects.size() - 1, leaf}, 2));
     }
     objects.push_back(ascii("x"));
     objects[0] = array(refs, 2);
@@ -712,8 +713,15 @@ TEST(BinaryPropertyList, RefusesSetsTooCostlyToTellApart) {
   EXPECT_EQ(small->count(), 7u);
   // 21 pairs of 2^21 elements each: well over the limit, from a 3 KB file.
   EXPECT_TRUE(failsWith(costlySet(7, 20), "members of its sets apart"));
-  // 4,200 arrays [x, i] and no chains: about 8.8 million pairs.
+  // 4,200 arrays [x, x, i, x] and no chains: about 8.8 million pairs.
   EXPECT_TRUE(failsWith(costlySet(4200, 0), "members of its sets apart"));
+  // Pairs that differ at an end are told apart by their hashes, however many.
+  std::vector<Id> pairs;
+  for (int i = 0; i < 6000; ++i) {
+    pairs.push_back(Array::make({Number::withInt(i), Number::withInt(i + 1)}));
+  }
+  auto set = Set::make(pairs);
+  EXPECT_TRUE(isEqual(roundTrip(set.get(), PropertyListFormat::kBinary), set));
 }
 
 TEST(PropertyList, XMLDepthLimit) {
@@ -747,7 +755,7 @@ TEST(PropertyList, WriterRefusesWhatItCannotWrite) {
   for (int m = 0; m < 7; ++m) {
     Id chain = str("x");
     for (int i = 0; i < 20; ++i) chain = Array::make({chain, chain});
-    bulky.push_back(Array::make({Number::withInt(m), chain}));
+    bulky.push_back(Array::make({str("x"), chain, Number::withInt(m), str("x")}));
   }
   // Each root, the form to write it in, and a part of the reason it is refused.
   const std::tuple<Id, PropertyListFormat, const char*> rows[] = {
