@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "nk/dispatch/futex_internal.hpp"
+#include "nk/dispatch/thread_pool_internal.hpp"
 
 namespace nk {
 namespace {
@@ -39,6 +40,8 @@ void onceSlow(OnceFlag& flag, FunctionRef<void()> f) {
     if (s == kRunning && !state.compare_exchange_strong(s, kWaited, std::memory_order_relaxed)) {
       continue;
     }
+    // The first caller may be waiting for pool work itself: keep a thread free for it.
+    dispatch_internal::BlockingRegion blocking;
     dispatch_internal::futexWait(&state, kWaited);
   }
 }

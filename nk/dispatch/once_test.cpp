@@ -10,6 +10,10 @@
 #include <thread>
 #include <vector>
 
+#include "nk/dispatch/queue.hpp"
+#include "nk/dispatch/semaphore.hpp"
+#include "nk/dispatch/thread_pool_internal.hpp"
+
 namespace nk {
 namespace {
 
@@ -51,6 +55,33 @@ TEST(Once, RetriesAfterAThrowingInitialiser) {
   once(flag, [&] { ++calls; });
   once(flag, [&] { ++calls; });
   EXPECT_EQ(calls, 2);
+}
+
+TEST(Once, PoolThreadsWaitingForTheInitialiserLeaveItAThread) {
+  // The initialiser waits for pool work while more pool tasks than the pool has threads
+  // wait for the initialiser: the work still needs a thread.
+  using namespace std::chrono_literals;
+  const unsigned waiters = 2 * dispatch_internal::ThreadPool::instance().targetThreads() + 2;
+  OnceFlag flag;
+  Semaphore inInitialiser, workRan, finished;
+  std::atomic<bool> initialiserSawWork{false};
+  Queue::global().async([&] {
+    once(flag, [&] {
+      inInitialiser.signal();
+      initialiserSawWork = workRan.waitFor(10s);
+    });
+    finished.signal();
+  });
+  ASSERT_TRUE(inInitialiser.waitFor(10s));
+  for (unsigned i = 0; i < waiters; ++i) {
+    Queue::global().async([&] {
+      once(flag, [] {});
+      finished.signal();
+    });
+  }
+  Queue::global().async([&] { workRan.signal(); });
+  for (unsigned i = 0; i <= waiters; ++i) ASSERT_TRUE(finished.waitFor(30s));
+  EXPECT_TRUE(initialiserSawWork);
 }
 
 }  // namespace
