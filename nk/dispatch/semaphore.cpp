@@ -2,8 +2,10 @@
 // word counting the wake-ups that signal() has granted.
 #include "nk/dispatch/semaphore.hpp"
 
+#include <algorithm>
 #include <ctime>
 
+#include "nk/dispatch/clock_internal.hpp"
 #include "nk/dispatch/futex_internal.hpp"
 #include "nk/dispatch/thread_pool_internal.hpp"
 
@@ -28,7 +30,10 @@ void Semaphore::wait() noexcept {
 }
 
 bool Semaphore::waitFor(std::chrono::nanoseconds timeout) noexcept {
-  return waitUntil(std::chrono::steady_clock::now() + timeout);
+  // Saturated, so that nanoseconds::max() means "as long as it takes".
+  int64_t deadline =
+      dispatch_internal::saturatingAdd(dispatch_internal::monotonicNowNs(), timeout.count());
+  return waitUntil(std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
 }
 
 bool Semaphore::waitUntil(std::chrono::steady_clock::time_point deadline) noexcept {
@@ -40,13 +45,12 @@ bool Semaphore::waitSlow(const std::chrono::steady_clock::time_point* deadline) 
   dispatch_internal::BlockingRegion blocking;
   timespec until{};
   if (deadline != nullptr) {
-    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline->time_since_epoch());
-    until.tv_sec = static_cast<time_t>(ns.count() / 1'000'000'000);
-    until.tv_nsec = static_cast<long>(ns.count() % 1'000'000'000);
-    if (until.tv_nsec < 0) {
-      until.tv_sec -= 1;
-      until.tv_nsec += 1'000'000'000;
-    }
+    // A deadline before the clock's start has passed too; the kernel refuses negative times.
+    int64_t ns = std::max<int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(deadline->time_since_epoch()).count(),
+        0);
+    until.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    until.tv_nsec = static_cast<long>(ns % 1'000'000'000);
   }
   for (;;) {
     uint32_t w = wakeups_.load(std::memory_order_acquire);

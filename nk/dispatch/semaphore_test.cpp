@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -26,6 +27,30 @@ TEST(Semaphore, CountsAndTimesOut) {
   // The timed-out waiters gave their places back: one signal makes one resource.
   EXPECT_FALSE(s.signal());  // nobody waiting
   EXPECT_TRUE(s.waitFor(0ns));
+  EXPECT_FALSE(s.waitFor(0ns));
+}
+
+TEST(Semaphore, TimeoutsAtTheEndsOfTheRange) {
+  Semaphore s;
+  // Deadlines before the clock's start have passed: the wait fails at once.
+  auto waitElsewhere = [&](auto wait) {
+    std::future<bool> taken = std::async(std::launch::async, wait);
+    if (taken.wait_for(10s) != std::future_status::ready) {
+      ADD_FAILURE() << "the wait did not time out";
+      s.signal();  // let it go
+    }
+    return taken.get();
+  };
+  EXPECT_FALSE(
+      waitElsewhere([&] { return s.waitUntil(std::chrono::steady_clock::time_point::min()); }));
+  EXPECT_FALSE(waitElsewhere([&] { return s.waitFor(std::chrono::nanoseconds::min()); }));
+  // The longest timeout waits for the signal (and must not overflow computing its deadline).
+  std::thread signaller([&] {
+    std::this_thread::sleep_for(20ms);
+    s.signal();
+  });
+  EXPECT_TRUE(s.waitFor(std::chrono::nanoseconds::max()));
+  signaller.join();
   EXPECT_FALSE(s.waitFor(0ns));
 }
 
