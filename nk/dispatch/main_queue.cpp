@@ -70,7 +70,10 @@ class MainCore final : public QueueCore {
   }
 
   bool prepare() noexcept {
-    const bool pending = flags_.fetch_or(kPolling, std::memory_order_seq_cst) & kPending;
+    bool pending = flags_.fetch_or(kPolling, std::memory_order_seq_cst) & kPending;
+    // In a loop run by a main-queue task: the dispatch under way cleared the flag before
+    // it ran that task, so the work queued behind the task shows only in the FIFO.
+    if (!pending && dispatching_.load(std::memory_order_relaxed) != 0) pending = !fifo_.empty();
     // The loop may sleep now: value blocks freed by a burst of work go back.
     if (!pending) block_pool::trim();
     return pending;
@@ -80,9 +83,15 @@ class MainCore final : public QueueCore {
   }
   void dispatch() {
     flags_.fetch_and(~(kPending | kPolling), std::memory_order_seq_cst);
+    dispatching_.fetch_add(1, std::memory_order_relaxed);
+    if (!runQueued()) flags_.fetch_or(kPending, std::memory_order_seq_cst);  // next iteration
+    dispatching_.fetch_sub(1, std::memory_order_relaxed);
+  }
+  // Runs queued work within the budget; returns false if some was left.
+  bool runQueued() {
     for (int budget = kDispatchBudget; budget > 0; --budget) {
       WorkItem item;
-      if (!fifo_.pop(item)) return;
+      if (!fifo_.pop(item)) return true;
       SyncWaiter* waiter = item.aux & kSyncTag ? waiterOf(item) : nullptr;
       FrameScope frame(this, true, waiter ? waiter->callerFrames : nullptr);
       if (waiter) {
@@ -96,7 +105,7 @@ class MainCore final : public QueueCore {
         invokeGuarded(item.task, this);
       }
     }
-    flags_.fetch_or(kPending, std::memory_order_seq_cst);  // more left: next iteration
+    return false;
   }
 
   static MainCore* self() noexcept { return published.load(std::memory_order_acquire); }
@@ -113,6 +122,7 @@ class MainCore final : public QueueCore {
 
   SegmentedQueue<WorkItem> fifo_;
   alignas(64) std::atomic<uint32_t> flags_{0};
+  std::atomic<int> dispatching_{0};  // dispatches under way, nested ones included
   GMainContext* context_;
   GSource* source_;
 };

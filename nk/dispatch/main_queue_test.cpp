@@ -79,15 +79,19 @@ TEST(MainQueue, LosesNoWorkFromManyProducers) {
 }
 
 TEST(MainQueue, NestedLoopInATaskRunsLaterTasks) {
-  // A modal loop inside a main-queue task must not stall the main queue.
-  bool innerRan = false, nestedReturned = false, outerDone = false;
-  Queue::main().async([&] {
-    Queue::main().async([&] { innerRan = true; });
-    nestedReturned = RunLoop::main().runUntil([&] { return innerRan; }, kPatience);
-    outerDone = true;
-  });
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return outerDone; }, kPatience));
-  EXPECT_TRUE(nestedReturned);
+  // A modal loop inside a main-queue task must not stall the main queue, whether the
+  // tasks it waits for were queued by that task or were already queued behind it.
+  for (bool queuesItsOwn : {true, false}) {
+    bool innerRan = false, nestedReturned = false, outerDone = false;
+    Queue::main().async([&] {
+      if (queuesItsOwn) Queue::main().async([&] { innerRan = true; });
+      nestedReturned = RunLoop::main().runUntil([&] { return innerRan; }, kPatience);
+      outerDone = true;
+    });
+    if (!queuesItsOwn) Queue::main().async([&] { innerRan = true; });
+    EXPECT_TRUE(RunLoop::main().runUntil([&] { return outerDone; }, 2 * kPatience));
+    EXPECT_TRUE(nestedReturned) << (queuesItsOwn ? "queued by the task" : "queued behind it");
+  }
 }
 
 TEST(MainQueue, IdleLoopGivesBackFreedValueBlocks) {
