@@ -18,15 +18,17 @@ class ConcurrentCore final : public DrainedCore {
   }
 
   void sync(FunctionRef<void()> block, bool barrier) override {
-    Frame* frame = findFrame(this);
+    // Also through a sync onto the main queue, whose block runs on the main thread while
+    // the task that asked for it waits.
+    const Frame* frame = waitedOnFrame(this);
     if (frame != nullptr && (barrier || frame->exclusive)) {
       fatal("%s onto concurrent queue \"%s\" from %s running on it would deadlock",
             barrier ? "barrierSync" : "sync", label.c_str(),
             frame->exclusive ? "a barrier" : "a task");
     }
     if (frame != nullptr) {
-      // Already inside one of this queue's tasks, so no barrier can be running, and
-      // queueing behind a waiting barrier would wait for ourselves.
+      // One of this queue's tasks is under way and waits for us, so no barrier can be
+      // running, and queueing behind a waiting barrier would wait for ourselves.
       FrameScope inner(this, false);
       block();
       return;

@@ -123,6 +123,22 @@ TEST(MainQueueDeathTest, SyncFromTheMainThreadTerminates) {
         RunLoop::main().runUntil([] { return false; }, kPatience);
       },
       "sync onto serial queue \"nk.test.round-trip\" from a task running on it would deadlock");
+  // The same onto a concurrent queue: a barrierSync behind its waiting task, and a sync
+  // behind its waiting barrier.
+  EXPECT_DEATH(
+      {
+        Queue concurrent = Queue::concurrent("nk.test.round-trip-task");
+        concurrent.async([&] { Queue::main().sync([&] { concurrent.barrierSync([] {}); }); });
+        RunLoop::main().runUntil([] { return false; }, kPatience);
+      },
+      "barrierSync onto concurrent queue \"nk.test.round-trip-task\" from a task");
+  EXPECT_DEATH(
+      {
+        Queue concurrent = Queue::concurrent("nk.test.round-trip-barrier");
+        concurrent.barrierAsync([&] { Queue::main().sync([&] { concurrent.sync([] {}); }); });
+        RunLoop::main().runUntil([] { return false; }, kPatience);
+      },
+      "sync onto concurrent queue \"nk.test.round-trip-barrier\" from a barrier");
 }
 
 }  // namespace

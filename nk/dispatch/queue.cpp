@@ -99,23 +99,17 @@ FrameScope::~FrameScope() { tlsFrame = frame_.previous; }
 
 Frame* currentFrame() noexcept { return tlsFrame; }
 
-Frame* findFrame(const QueueCore* queue) noexcept {
-  for (Frame* f = tlsFrame; f != nullptr; f = f->previous) {
+namespace {
+const Frame* findInChain(const Frame* f, const QueueCore* queue) noexcept {
+  for (; f != nullptr; f = f->previous) {
     if (f->queue == queue) return f;
+    if (const Frame* found = findInChain(f->caller, queue)) return found;
   }
   return nullptr;
 }
-
-namespace {
-bool inChain(const Frame* f, const QueueCore* queue) noexcept {
-  for (; f != nullptr; f = f->previous) {
-    if (f->queue == queue || inChain(f->caller, queue)) return true;
-  }
-  return false;
-}
 }  // namespace
 
-bool waitedOnFromHere(const QueueCore* queue) noexcept { return inChain(tlsFrame, queue); }
+const Frame* waitedOnFrame(const QueueCore* queue) noexcept { return findInChain(tlsFrame, queue); }
 
 QueueCore* globalCore(QueuePriority priority) {
   // Never destroyed: tasks may still be running on them during exit.

@@ -120,11 +120,10 @@ class FrameScope {
 };
 
 Frame* currentFrame() noexcept;
-// The innermost frame of `queue` on this thread, or null.
-Frame* findFrame(const QueueCore* queue) noexcept;
-// Whether `queue` runs on this thread, or on a thread waiting in sync for a block
-// that this thread runs (and so on): a sync onto it from here would never return.
-bool waitedOnFromHere(const QueueCore* queue) noexcept;
+// The innermost frame of `queue` on this thread, or on a thread waiting in sync for a
+// block that this thread runs (and so on), or null. A sync from here cannot wait for the
+// task or block of that frame to finish: it would never return.
+const Frame* waitedOnFrame(const QueueCore* queue) noexcept;
 
 // Runs `task`; an exception escaping it terminates the process, naming `queue`.
 void invokeGuarded(Task& task, const QueueCore* queue) noexcept;

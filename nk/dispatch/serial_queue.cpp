@@ -18,7 +18,7 @@ class SerialCore final : public DrainedCore {
   }
 
   void sync(FunctionRef<void()> block, bool) override {
-    if (waitedOnFromHere(this)) {
+    if (waitedOnFrame(this) != nullptr) {
       fatal("sync onto serial queue \"%s\" from a task running on it would deadlock",
             label.c_str());
     }
