@@ -38,7 +38,12 @@ class RunLoop::State {
   class Running {
    public:
     explicit Running(State& s) noexcept : state_(s) { state_.depth_.fetch_add(1); }
-    ~Running() { state_.depth_.fetch_sub(1); }
+    ~Running() {
+      // A stop this run did not need (its predicate came true first) must not end the
+      // next one.
+      state_.stopRequested_.store(false);
+      state_.depth_.fetch_sub(1);
+    }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 

@@ -105,6 +105,17 @@ TEST(RunLoop, StopEndsRunFromAnotherThread) {
   // A callback can stop the loop running it, and runUntil reports the predicate.
   RunLoopSource timer = loop.addTimer(1ms, 0ns, [&] { loop.stop(); });
   EXPECT_FALSE(loop.runUntil([] { return false; }, kPatience));
+
+  // A stop that comes with what the predicate waits for ends that run only.
+  bool done = false;
+  Queue::main().async([&] {
+    done = true;
+    loop.stop();
+  });
+  EXPECT_TRUE(loop.runUntil([&] { return done; }, kPatience));
+  bool later = false;
+  RunLoopSource laterTimer = loop.addTimer(5ms, 0ns, [&] { later = true; });
+  EXPECT_TRUE(loop.runUntil([&] { return later; }, kPatience));
 }
 
 TEST(RunLoopDeathTest, OnlyTheOwnerRunsTheLoop) {
