@@ -143,6 +143,22 @@ TEST(TimerSource, StartsAtAWallClockTime) {
   EXPECT_GE(firedAt, at);
 }
 
+TEST(TimerSource, RepeatsAtItsIntervalFromAStartLongAgo) {
+  // Started at the earliest time the wall clock can name: one call at once for all the
+  // missed firings, then one per interval, not a call per timer wake-up.
+  TimerSource timer(Queue::global());
+  std::atomic<int> calls{0};
+  timer.setEventHandler([&] { calls.fetch_add(1); });
+  timer.setTimer(TimerStart::wallClock(std::chrono::system_clock::time_point::min()), 50ms, 0ns);
+  auto start = std::chrono::steady_clock::now();
+  timer.resume();
+  std::this_thread::sleep_for(200ms);
+  timer.cancel();
+  auto due = (std::chrono::steady_clock::now() - start) / 50ms + 1;
+  EXPECT_GE(calls.load(), 1);
+  EXPECT_LE(calls.load(), due + 1);  // one to spare for a call under way at cancel
+}
+
 TEST(TimerSourceDeathTest, ResumingTooOftenTerminates) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
