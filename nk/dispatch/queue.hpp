@@ -77,8 +77,8 @@ class Queue {
   static Queue main();
   // The global concurrent queue of `priority`. All four share one thread pool of one
   // thread per processor (at least 2, at most 32), which adds threads while its threads
-  // wait in sync, Semaphore, OperationQueue or once waits. Labels: "nk.global.high",
-  // "nk.global.default", "nk.global.low", "nk.global.background".
+  // wait in sync, Semaphore, OperationQueue or once waits, or run a RunLoop. Labels:
+  // "nk.global.high", "nk.global.default", "nk.global.low", "nk.global.background".
   static Queue global(QueuePriority priority = QueuePriority::kDefault);
   // A new serial queue whose work runs at `priority` on the shared pool.
   static Queue serial(std::string label, QueuePriority priority = QueuePriority::kDefault);

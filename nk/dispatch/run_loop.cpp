@@ -12,6 +12,7 @@
 #include "nk/dispatch/main_context_internal.hpp"
 #include "nk/dispatch/main_thread.hpp"
 #include "nk/dispatch/queue_core_internal.hpp"
+#include "nk/dispatch/thread_pool_internal.hpp"
 
 namespace nk {
 
@@ -189,14 +190,18 @@ RunLoop RunLoop::current() {
   return RunLoop(state);
 }
 
+// A pool thread running a loop waits for events much as one in sync waits: the pool keeps
+// other threads for the work those events may depend on.
 void RunLoop::run() const {
   state_->requireOwner("run");
+  dispatch_internal::BlockingRegion blocking;
   State::Running running(*state_);
   while (!state_->takeStop()) g_main_context_iteration(state_->context(), TRUE);
 }
 
 bool RunLoop::runUntil(FunctionRef<bool()> predicate, std::chrono::nanoseconds timeout) const {
   state_->requireOwner("runUntil");
+  dispatch_internal::BlockingRegion blocking;
   State::Running running(*state_);
   if (predicate()) return true;
   int64_t deadlineNs =
@@ -219,7 +224,9 @@ bool RunLoop::runUntil(FunctionRef<bool()> predicate, std::chrono::nanoseconds t
 
 bool RunLoop::runOnce(bool mayBlock) const {
   state_->requireOwner("runOnce");
-  return g_main_context_iteration(state_->context(), mayBlock);
+  if (!mayBlock) return g_main_context_iteration(state_->context(), FALSE);
+  dispatch_internal::BlockingRegion blocking;
+  return g_main_context_iteration(state_->context(), TRUE);
 }
 
 void RunLoop::stop() const { state_->stop(); }

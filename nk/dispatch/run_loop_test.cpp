@@ -12,6 +12,7 @@
 #include "nk/dispatch/main_thread.hpp"
 #include "nk/dispatch/queue.hpp"
 #include "nk/dispatch/semaphore.hpp"
+#include "nk/dispatch/thread_pool_internal.hpp"
 
 namespace nk {
 namespace {
@@ -116,6 +117,26 @@ TEST(RunLoop, StopEndsRunFromAnotherThread) {
   bool later = false;
   RunLoopSource laterTimer = loop.addTimer(5ms, 0ns, [&] { later = true; });
   EXPECT_TRUE(loop.runUntil([&] { return later; }, kPatience));
+}
+
+TEST(RunLoop, PoolThreadsRunningLoopsLeaveWorkAThread) {
+  // More pool tasks than the pool has threads each run a loop until a task queued after
+  // them has run: that task still needs a thread.
+  const unsigned loops = 2 * dispatch_internal::ThreadPool::instance().targetThreads() + 2;
+  std::atomic<bool> workRan{false};
+  std::atomic<unsigned> sawWork{0};
+  Semaphore finished;
+  for (unsigned i = 0; i < loops; ++i) {
+    Queue::global().async([&] {
+      RunLoop loop = RunLoop::current();
+      RunLoopSource tick = loop.addTimer(5ms, 5ms, [] {});  // to look at the flag again
+      if (loop.runUntil([&] { return workRan.load(); }, 10s)) sawWork.fetch_add(1);
+      finished.signal();
+    });
+  }
+  Queue::global().async([&] { workRan = true; });
+  for (unsigned i = 0; i < loops; ++i) ASSERT_TRUE(finished.waitFor(kPatience + kPatience));
+  EXPECT_EQ(sawWork.load(), loops);
 }
 
 TEST(RunLoopDeathTest, OnlyTheOwnerRunsTheLoop) {
