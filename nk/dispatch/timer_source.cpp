@@ -2,6 +2,7 @@
 // task in flight, all under one mutex; the timer thread only posts, the queue runs.
 #include "nk/dispatch/timer_source.hpp"
 
+#include <algorithm>
 #include <mutex>
 
 #include "nk/dispatch/queue_core_internal.hpp"
@@ -37,6 +38,9 @@ class TimerSource::State final : public dispatch_internal::TimerClient,
     next_ = Deadline{start.wall_, start.ns_};
     intervalNs_ = interval == kOnce || interval.count() <= 0 ? 0 : interval.count();
     leewayNs_ = leeway.count() > 0 ? leeway.count() : 0;
+    // Room to merge wake-ups, not a longer period: the service may wait out the whole
+    // leeway, so more than half the interval would skip firings.
+    if (intervalNs_ != 0) leewayNs_ = std::min(leewayNs_, intervalNs_ / 2);
     armLocked();
   }
 

@@ -57,7 +57,9 @@ class TimerSource {
   // Sets when the timer first fires, how often it fires after that (kOnce, or any
   // interval <= 0, for a one-shot timer) and how late it may fire to save wake-ups: each
   // firing due at T happens in [T, T + leeway], give or take the system's scheduling
-  // latency. Replaces earlier settings; a one-shot timer that has fired fires again.
+  // latency; a repeating timer's leeway counts as at most half its interval, so that it
+  // keeps to its period. Replaces earlier settings; a one-shot timer that has fired fires
+  // again.
   void setTimer(TimerStart start, std::chrono::nanoseconds interval,
                 std::chrono::nanoseconds leeway);
   void setEventHandler(std::function<void()> handler);

@@ -2,7 +2,6 @@
 
 #include "nk/environment/dispatch_timer.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <new>
@@ -25,11 +24,8 @@ std::unique_ptr<TimerSource> CreateDispatchTimer(uint64_t intervalNs, uint64_t l
                                                  bool start) {
   std::unique_ptr<TimerSource> timer(new (std::nothrow) TimerSource(std::move(queue)));
   if (!timer) return nullptr;
-  // A leeway is room to save wake-ups, not a longer period: the timer service may wait the
-  // whole leeway, so more than half the interval would skip firings (and the largest value
-  // would never fire at all).
   timer->setTimer(TimerStart::wallClock(std::chrono::system_clock::now()),
-                  toNanoseconds(intervalNs), toNanoseconds(std::min(leewayNs, intervalNs / 2)));
+                  toNanoseconds(intervalNs), toNanoseconds(leewayNs));
   if (handler) timer->setEventHandler(std::move(handler));
   if (start) timer->resume();
   return timer;
