@@ -241,7 +241,10 @@ bool vnk_isStringEquivalentToString(const String* a, const String* b) {
 
 Ref<String> vnk_deletePrefix(const String* receiver, const String* prefix) {
   if (!receiver) return nullptr;
-  if (!prefix || prefix->isEmpty() || !receiver->hasPrefix(prefix)) return sameString(receiver);
+  // Unchanged means the very object, mutable or not, so callers can test for identity.
+  if (!prefix || prefix->isEmpty() || !receiver->hasPrefix(prefix)) {
+    return Ref<String>(const_cast<String*>(receiver));
+  }
   return receiver->substringFrom(prefix->length());
 }
 

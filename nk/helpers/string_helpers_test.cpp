@@ -99,6 +99,11 @@ TEST(StringComparisons, EquivalencePrefixAndContainment) {
   for (const Ref<String>& p : {S(""), Ref<String>(), S("ABC"), S("abcabcd")}) {
     EXPECT_EQ(vnk_deletePrefix(s.get(), p.get()), s) << (p ? p->utf8() : "<nil>");
   }
+  // The receiver itself even when it is mutable: callers compare the result with it.
+  const auto m = make<MutableString>(NK_STR("abc"));
+  for (const Ref<String>& p : {S(""), S("x")}) {
+    EXPECT_EQ(vnk_deletePrefix(m.get(), p.get()).get(), m.get()) << p->utf8();
+  }
   EXPECT_EQ(vnk_deletePrefix(nullptr, a.get()), nullptr);
   // A prefix ending in half a surrogate pair cuts by code units.
   EXPECT_EQ(vnk_deletePrefix(S(u"\U0001F600x").get(), S(u"\xD83D").get())->toUTF16(), u"\xDE00x");
