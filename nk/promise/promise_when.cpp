@@ -1,7 +1,8 @@
 // PRMAll and PRMWhen: one record per aggregate holds the members' values by position
 // and an array of waiting entries, one per pending member, allocated once. Members are
-// counted out on the threads that settle them; the main queue hears only of the first
-// rejection or of the last fulfilment, and settles the aggregate there.
+// counted out on the threads that settle them; the main queue hears of the last
+// fulfilment or of each rejection, marks the errors handled and settles the aggregate
+// there.
 
 #include "nk/promise/promise_when.hpp"
 
@@ -196,7 +197,7 @@ class Aggregate {
   // What a member's catch and then handlers do with its outcome `slot`, on any
   // thread. `cls` is the slot's class, looked up once by the caller (nil for nil).
   void settled(size_t index, Id slot, const Class* cls, bool error) {
-    if (error) return rejected(index, static_cast<const Error&>(*slot));
+    if (error) return rejected(index, Ref<Error>::adopt(static_cast<Error*>(slot.leak())));
     // Nothing and several values arrive as a one-parameter handler receives them.
     if (slot.get() == nothing_) {
       slot = nullptr;
@@ -208,12 +209,21 @@ class Aggregate {
     values_[index] = std::move(slot);
   }
 
-  void rejected(size_t index, const Error& error) {
-    PRMError::consume(&error);  // a later rejection counts as handled too
-    if (flags_.fetch_or(kDecided, std::memory_order_relaxed) & kDecided) return;
+  // The member's error is marked handled on the main queue, as a catch handler would
+  // mark it: after whatever else its settlement runs at once, which may store it
+  // again. A later rejection counts as handled too.
+  void rejected(size_t index, Ref<Error> error) {
+    if (flags_.fetch_or(kDecided, std::memory_order_relaxed) & kDecided) {
+      Queue::main().async([error = std::move(error)] { PRMError::consume(error.get()); });
+      return;
+    }
     Id where = keyed_ ? keys_[index] : Id(Number::withUnsignedInteger(index));
+    Ref<Error> failing = failingMemberError(*error, std::move(where));
     Queue::main().async(
-        [resolve = resolve_, e = failingMemberError(error, std::move(where))] { resolve(e); });
+        [resolve = resolve_, error = std::move(error), failing = std::move(failing)] {
+          PRMError::consume(error.get());
+          resolve(failing);
+        });
   }
 
   // The last one out fulfils on the main queue, or frees the record.

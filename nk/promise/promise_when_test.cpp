@@ -140,6 +140,27 @@ TEST(PromiseAll, FirstRejectionDecides) {
   EXPECT_EQ(log.count(kAlreadyResolved), 0u);
 }
 
+// A member's catch mark is made on the main queue, after everything its settlement
+// runs at once: a step chained behind the aggregate that passes the error on does not
+// leave it reported.
+TEST(PromiseAll, MemberErrorsPassedOnAfterwardsStayHandled) {
+  UnhandledCapture reports;
+  {
+    auto member = deferred();
+    auto pending = PRMAll(Array::make({member.promise}));
+    auto skipped = member.promise->then([] {});
+    (*member.resolve)(failure(7));
+    auto early = rejected(8);
+    auto settled = PRMAll(Array::make({early}));
+    auto skippedEarly = early->then([] {});
+    EXPECT_EQ(rejectionCode(pending), 7);
+    EXPECT_EQ(rejectionCode(settled), 8);
+    idle();
+  }
+  idle();
+  EXPECT_TRUE(reports.reports().empty()) << reports.reports().size();
+}
+
 TEST(PromiseWhen, SingleValuesAndNil) {
   UnhandledCapture quiet;
   // A single promise or plain value gives its value, not an array; nothing gives Null;
