@@ -10,8 +10,9 @@
 namespace nk {
 
 Ref<PRMPromise> PRMJoin(const Ref<Array>& promises) {
-  Ref<MutableArray> pending =
-      promises ? cast<MutableArray>(promises->mutableCopy()) : MutableArray::make();
+  // Without an array there is nothing to wait on: every attempt waits on nil, which
+  // fulfils with nothing.
+  Ref<MutableArray> pending = promises ? cast<MutableArray>(promises->mutableCopy()) : nullptr;
   Ref<MutableArray> errors = MutableArray::make();
   return PRMUntilCatch(
              [pending]() -> Id { return pending; },

@@ -15,7 +15,8 @@ namespace nk {
 // Each error is the aggregate error PRMAll makes: the member's domain and code, its
 // user information plus PRMFailingPromiseIndexKey, the member's position in the
 // list still waited on at that time. Failed members are dropped one at a time, so
-// later positions are shifted down by earlier failures. `promises` is not changed.
+// later positions are shifted down by earlier failures. `promises` is not changed;
+// nil gives nil values and no errors.
 Ref<PRMPromise> PRMJoin(const Ref<Array>& promises);
 
 }  // namespace nk

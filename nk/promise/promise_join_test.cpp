@@ -69,6 +69,13 @@ TEST(PromiseJoin, ValuesAndErrors) {
     EXPECT_TRUE(isEqual(row.input, before));
     EXPECT_EQ(row.input->count(), count);
   }
+  {  // no array: nothing to wait on, so no values list either
+    auto both = outcome(PRMJoin(nullptr));
+    ASSERT_TRUE(both);
+    EXPECT_EQ(both->count(), 2u);
+    EXPECT_FALSE(both->at(0));
+    EXPECT_FALSE(both->at(1));
+  }
   idle();
   EXPECT_TRUE(reports.reports().empty());
 }
