@@ -222,7 +222,8 @@ class Aggregate {
     Queue::main().async(
         [resolve = resolve_, error = std::move(error), failing = std::move(failing)] {
           PRMError::consume(error.get());
-          resolve(failing);
+          // A body cut short by a raise may have rejected the aggregate meanwhile.
+          if (!resolve.promise()->resolved()) resolve(failing);
         });
   }
 

@@ -187,10 +187,13 @@ TEST(PromiseWhen, SingleValuesAndNil) {
 
 TEST(PromiseAll, CollectionMutatedWhileEnumerated) {
   // The mutation exception raised inside the resolver body rejects the aggregate
-  // with the converted error; the members already watched settle harmlessly.
+  // with the converted error; the members already watched settle harmlessly, a
+  // rejected one included: it finds the aggregate settled and leaves it alone.
   UnhandledCapture quiet;
+  LogCapture log;
   auto dictionary = MutableDictionary::make();
   auto key = make<PromiseAllSettlingKey>();
+  dictionary->setObjectForKey(rejected(3), NK_STR("first"));
   dictionary->setObjectForKey(fulfilled(1), key);
   dictionary->setObjectForKey(num(2), NK_STR("second"));
   key->action = [target = dictionary.get()] {  // unretained: the dictionary owns the key
@@ -209,6 +212,9 @@ TEST(PromiseAll, CollectionMutatedWhileEnumerated) {
   EXPECT_TRUE(thrown->name()->isEqual(NK_STR("NSGenericException")));
   EXPECT_NE(thrown->reason()->utf8().find("was mutated while being enumerated"), std::string::npos);
   EXPECT_FALSE(key->action);  // it ran
+  idle();
+  EXPECT_EQ(p->value().get(), error.get());
+  EXPECT_EQ(log.count(kAlreadyResolved), 0u);
   p->catch_([] {});
 }
 
