@@ -150,8 +150,8 @@ class Aggregate {
     self.countOut(1);
   }
 
-  // The member of `entry` has settled with `value`, of class `cls`, which may be nil
-  // for nothing or a promise to wait on in turn; `error` tells whether it is an error.
+  // The member of `entry` has settled with `value`, of class `cls` (nil for nothing);
+  // `error` tells whether it is an error.
   void entrySettled(Waiter* entry, Id value, const Class* cls, bool error);
 
   // Gives `promise` the entry at `index` if it is still pending.
@@ -276,14 +276,8 @@ class Aggregate {
 };
 
 void Aggregate::entrySettled(Waiter* entry, Id value, const Class* cls, bool error) {
-  if (cls == promiseClass_) {
-    // The member followed a promise that had itself settled with a promise.
-    const auto* promise = static_cast<const PRMPromise*>(value.get());
-    Id slot = Access::tryRegister(promise, entry);
-    if (!slot) return;
-    const Class* slotClass = &slot->objectClass();
-    return entrySettled(entry, std::move(slot), slotClass, isErrorClass(slotClass));
-  }
+  // A promise handed to the entries is a value like any other: a then handler is given
+  // it as it is. Only a slot found holding one is followed (notWaiting).
   settled(static_cast<size_t>(entry - entries_), std::move(value), cls, error);
   countOut(1);
 }
