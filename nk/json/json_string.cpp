@@ -7,6 +7,9 @@ namespace {
 
 Ref<String> forward(const Object* receiver, unsigned long options, const JSONSerializeBlock& block,
                     const Id& delegate, JSONSelector selector, Ref<Error>* error) {
+  // These are operations of the receiver: sent to nil they do nothing, so the
+  // serializer (which would report nil as an error) is never asked.
+  if (!receiver) return nullptr;
   return JSONSerializer::classSerializeObjectOptionsEncodeOptionBlockDelegateSelectorError(
       receiver, options, 0, block, delegate, selector, error);
 }

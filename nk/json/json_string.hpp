@@ -12,6 +12,8 @@
 
 namespace nk {
 
+// A nil receiver gives nil and leaves `error` untouched, as a message to nil does.
+
 // A bare string with options 0 is not a valid top-level value for the writer,
 // so this is nil unless options allow fragments.
 Ref<String> JSONString(const String* receiver);

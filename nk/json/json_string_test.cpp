@@ -92,5 +92,30 @@ TEST(JSONString, BareStrings) {
   }
 }
 
+TEST(JSONString, NilReceiversGiveNilAndLeaveTheErrorSlotAlone) {
+  const Array* noArray = nullptr;
+  const Dictionary* noDictionary = nullptr;
+  const String* noString = nullptr;
+  int calls = 0;
+  JSONSerializeBlock block = [&](const Id& o) -> Id {
+    ++calls;
+    return o;
+  };
+  Ref<Error> error;
+  EXPECT_FALSE(JSONString(noString));
+  EXPECT_FALSE(JSONString(noArray));
+  EXPECT_FALSE(JSONString(noDictionary));
+  EXPECT_FALSE(JSONStringWithOptionsIncludeQuotesError(noString, kJSONWritingFragmentsAllowed, true,
+                                                       &error));
+  EXPECT_FALSE(JSONStringWithOptionsError(noArray, 0, &error));
+  EXPECT_FALSE(JSONStringWithOptionsError(noDictionary, 0, &error));
+  EXPECT_FALSE(JSONStringWithOptionsSerializeUnsupportedClassesUsingDelegateSelectorError(
+      noArray, 0, NK_STR("delegate"), "convert:", &error));
+  EXPECT_FALSE(JSONStringWithOptionsSerializeUnsupportedClassesUsingBlockError(noDictionary, 0,
+                                                                               block, &error));
+  EXPECT_FALSE(error);
+  EXPECT_EQ(calls, 0);
+}
+
 }  // namespace
 }  // namespace nk
