@@ -32,11 +32,11 @@ constexpr std::pair<const char*, const char*> kClassTranslations[] = {
     {"NKAOAuthToken", "VNKAOAuthToken"},
 };
 
+// Set afresh on every read: a host without one of the classes has that name mapped to
+// nothing, whatever was registered for it before.
 void registerClassTranslations() {
   for (const auto& [codedName, className] : kClassTranslations) {
-    if (const Class* cls = Class::named(className)) {
-      KeyedUnarchiver::setClassForClassName(cls, codedName);
-    }
+    KeyedUnarchiver::setClassForClassName(Class::named(className), codedName);
   }
 }
 

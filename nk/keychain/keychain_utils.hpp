@@ -30,10 +30,11 @@ class NKKeychainUtils {
   // The object stored under `key`, decoded with the allow-list Dictionary, String,
   // Number, Array, Set, URL, Date and `cls` (nil adds nothing), after registering
   // the archive names "NKACredentialAuthorityContainer", "NKAOAuth2Credential" and
-  // "NKAOAuthToken" as the classes of those names with a "V" in front, where such
-  // classes exist. `cls` only widens the allow-list: the result may be of any class
-  // in it. Nil when missing or undecodable; an Exception raised while decoding gives
-  // nil, other thrown objects propagate.
+  // "NKAOAuthToken" as the classes of those names with a "V" in front (a name whose
+  // class is absent is mapped to none, replacing any earlier mapping). `cls` only
+  // widens the allow-list: the result may be of any class in it. Nil when missing or
+  // undecodable; an Exception raised while decoding gives nil, other thrown objects
+  // propagate.
   static Id getKeychainObjectForKeyOfClassType(const String* key, const Class* cls);
 
   // Deletes the item of `key`; false when there was none.

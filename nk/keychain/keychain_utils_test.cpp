@@ -210,9 +210,13 @@ TEST_P(KeychainUtils, AllowListAndLegacyNames) {
     EXPECT_TRUE(isEqual(back, token));
     EXPECT_FALSE(get(key("legacy"), &Dictionary::staticClass()));
   }
-  {  // a legacy name whose new class the host lacks is not decoded
+  {  // a legacy name whose new class the host lacks is not decoded, even when the name
+     // was mapped elsewhere before: every read sets all three translations afresh
     storeRaw(key("legacy2"), archiveRenaming(token.get(), "VNKAOAuthToken", "NKAOAuth2Credential"));
+    KeyedUnarchiver::setClassForClassName(&OAuthToken::staticClass(), "NKAOAuth2Credential");
     EXPECT_FALSE(get(key("legacy2"), &OAuthToken::staticClass()));
+    EXPECT_EQ(KeyedUnarchiver::classForClassName("NKAOAuth2Credential"), nullptr);
+    KeyedUnarchiver::setClassForClassName(nullptr, "NKAOAuth2Credential");
   }
   {  // an Exception raised while decoding gives nil; other thrown objects reach the caller
     ASSERT_TRUE(
