@@ -46,15 +46,15 @@ using file_internal::readNames;
 using file_internal::removeItemAt;
 
 // Appends the components of a folder path below the cache, leaving out the empty and "."
-// ones: "download/", "./download" and "download" name the same folder. False for a path
-// that climbs out with "..", or names no folder below the cache.
+// ones: "download/", "./download" and "download" name the same folder, "." and "/" the
+// cache itself. False for a path that climbs out with "..".
 bool innerComponents(std::string_view path, std::vector<std::string>& components) {
   for (;;) {
     const size_t slash = path.find('/');
     const std::string_view component = path.substr(0, slash);
     if (component == "..") return false;
     if (!component.empty() && component != ".") components.emplace_back(component);
-    if (slash == std::string_view::npos) return !components.empty();
+    if (slash == std::string_view::npos) return true;
     path.remove_prefix(slash + 1);
   }
 }
@@ -195,8 +195,8 @@ bool NKFileSystemHelper::clearTempDownloadDir() {
 bool NKFileSystemHelper::clearNorvikCacheDir() { return clearCacheDirWithSubdirectory(nullptr); }
 
 bool NKFileSystemHelper::clearCacheDirWithSubdirectory(const String* subdirectory) {
-  // Only folders inside the cache are cleared: a name that climbs out, or names the cache
-  // itself in another way than nil or "", is refused before anything is touched.
+  // Only the cache and folders inside it are cleared: a name that climbs out is refused
+  // before anything is touched.
   std::vector<std::string> components;
   if (subdirectory && subdirectory->length() > 0 &&
       !innerComponents(subdirectory->utf8(), components)) {

@@ -145,9 +145,9 @@ class NKFileSystemHelper final : public Object {
   // the main queue in that order: called on the main thread, they are delivered after this
   // returns. True when every entry went, and when the folder is missing, empty or cannot
   // be listed. `subdirectory` is a path below the Cache ("a/b"; empty and "." components
-  // are ignored); one with "..", or naming the Cache itself, is refused: false and nothing
-  // posted. No symbolic link on the way is followed, from the Cache down: nothing is removed
-  // and the result is true. False, with nothing posted, when there is no Cache.
+  // are ignored, so "." and "/" name the Cache itself); one with ".." is refused: false and
+  // nothing posted. No symbolic link on the way is followed, from the Cache down: nothing is
+  // removed and the result is true. False, with nothing posted, when there is no Cache.
   static bool clearCacheDirWithSubdirectory(const String* subdirectory);
   // Empties getNorvikLogsToUploadDir() (creating it when missing), one attempt per entry;
   // no notification. True when every entry went or there was nothing to remove (a
