@@ -342,15 +342,11 @@ NetworkReachability::~NetworkReachability() {
 
 std::unique_ptr<NetworkReachability> NetworkReachability::createWithName(const char* name) {
   if (!name || !*name) return nullptr;
-  std::shared_ptr<State> state;
   std::optional<IpAddress> literal = IpAddress::parse(name);
-  if (literal) {
-    state = std::make_shared<State>(State::Kind::kAddress, std::vector{*literal}, std::string());
-  } else {
-    state = std::make_shared<State>(State::Kind::kName, std::vector<IpAddress>(), name);
-  }
+  if (literal) return forAddress(*literal);
+  auto state = std::make_shared<State>(State::Kind::kName, std::vector<IpAddress>(), name);
   if (!state->canLookUp()) return nullptr;
-  if (!literal) state->resolve();
+  state->resolve();
   return std::unique_ptr<NetworkReachability>(new NetworkReachability(std::move(state)));
 }
 
@@ -365,10 +361,14 @@ std::unique_ptr<NetworkReachability> NetworkReachability::createWithAddress(
   std::optional<IpAddress> ip =
       IpAddress::fromSockaddr(reinterpret_cast<const sockaddr*>(&storage), address->length);
   if (!ip) return nullptr;
+  return forAddress(*ip);
+}
+
+std::unique_ptr<NetworkReachability> NetworkReachability::forAddress(const IpAddress& address) {
   auto state =
-      ip->isZero()
+      address.isZero()
           ? std::make_shared<State>(State::Kind::kInternet, internetProbes(), std::string())
-          : std::make_shared<State>(State::Kind::kAddress, std::vector{*ip}, std::string());
+          : std::make_shared<State>(State::Kind::kAddress, std::vector{address}, std::string());
   if (!state->canLookUp()) return nullptr;
   return std::unique_ptr<NetworkReachability>(new NetworkReachability(std::move(state)));
 }

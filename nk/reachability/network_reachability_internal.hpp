@@ -7,6 +7,7 @@
 
 #include "nk/dispatch/run_loop.hpp"
 #include "nk/reachability/reachability_flags.hpp"
+#include "nk/reachability/route_netlink_internal.hpp"
 #include "nk/reachability/socket_address.hpp"
 
 namespace nk {
@@ -27,8 +28,9 @@ class NetworkReachability {
   using Callback = void (*)(NetworkReachability* target, NetworkReachabilityFlags flags,
                             void* info);
 
-  // A handle for a host name (UTF-8). Numeric IPv4 and IPv6 texts are taken as addresses;
-  // other names start resolving at once. Nil for a null or empty name.
+  // A handle for a host name (UTF-8). Numeric IPv4 and IPv6 texts are taken as addresses,
+  // as createWithAddress takes them; other names start resolving at once. Nil for a null or
+  // empty name.
   static std::unique_ptr<NetworkReachability> createWithName(const char* name);
   // A handle for an IPv4 or IPv6 address; the all-zero IPv4 or IPv6 address stands for the
   // internet. Nil for other families or a length too short for the family.
@@ -55,6 +57,9 @@ class NetworkReachability {
  private:
   class State;
   explicit NetworkReachability(std::shared_ptr<State> state) noexcept;
+  // A handle for an address; the all-zero address stands for the internet.
+  static std::unique_ptr<NetworkReachability> forAddress(
+      const reachability_internal::IpAddress& address);
   std::shared_ptr<State> state_;
 };
 

@@ -203,6 +203,10 @@ TEST(NetworkReachability, HostNames) {
     ASSERT_TRUE(ip("link set lo up"));
     // A numeric name is an address: answered at once
     EXPECT_EQ(flagsOf(NetworkReachability::createWithName("127.0.0.1")), kReachable);
+    // so a zero address is the internet, not the local route the kernel gives for it
+    for (const char* zero : {"0.0.0.0", "::"}) {
+      EXPECT_EQ(flagsOf(NetworkReachability::createWithName(zero)), 0u) << zero;
+    }
     // A name reads 0 until it resolves, then as its address does
     auto name = NetworkReachability::createWithName("localhost");
     ASSERT_TRUE(name);
