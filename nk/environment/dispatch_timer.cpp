@@ -2,6 +2,7 @@
 
 #include "nk/environment/dispatch_timer.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <new>
@@ -24,8 +25,11 @@ std::unique_ptr<TimerSource> CreateDispatchTimer(uint64_t intervalNs, uint64_t l
                                                  bool start) {
   std::unique_ptr<TimerSource> timer(new (std::nothrow) TimerSource(std::move(queue)));
   if (!timer) return nullptr;
+  // The timer source takes an interval of 0 for a one-shot timer; here it is the shortest
+  // period, and the timer still repeats.
   timer->setTimer(TimerStart::wallClock(std::chrono::system_clock::now()),
-                  toNanoseconds(intervalNs), toNanoseconds(leewayNs));
+                  std::max(toNanoseconds(intervalNs), std::chrono::nanoseconds(1)),
+                  toNanoseconds(leewayNs));
   if (handler) timer->setEventHandler(std::move(handler));
   if (start) timer->resume();
   return timer;

@@ -10,7 +10,8 @@
 
 namespace nk {
 
-// A timer that fires on `queue` now and then every `intervalNs` nanoseconds, each firing
+// A timer that fires on `queue` now and then every `intervalNs` nanoseconds (0 is taken as
+// 1: the timer always repeats, its firings merged while the handler runs), each firing
 // at most `leewayNs` late; a leeway above half the interval counts as half of it, so the
 // timer keeps to its interval. The schedule follows the wall clock, so it keeps to the
 // calendar across sleep and clock changes. `handler` may be empty (no event handler is

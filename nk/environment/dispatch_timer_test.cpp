@@ -65,6 +65,13 @@ TEST_F(DispatchTimer, LeewayLongerThanTheIntervalKeepsItFiring) {
   }
 }
 
+TEST_F(DispatchTimer, ZeroIntervalStillRepeats) {
+  // An interval of 0 asks for the shortest period, not for a single firing.
+  start(0, true, true);
+  ASSERT_TRUE(fired.waitFor(5s));
+  EXPECT_TRUE(fired.waitFor(5s));
+}
+
 TEST_F(DispatchTimer, StartedWithoutHandlerTakesOneLater) {
   start(kMillisecond, false, true);
   std::this_thread::sleep_for(5ms);
