@@ -166,6 +166,9 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
       if (auto self = weak.lock()) self->onWake(generation);
     });
     subscription_ = std::move(subscription);
+    // A resolution or a connectivity change that ended between the evaluation above and now
+    // found no schedule to wake: look once more on the loop.
+    wakeLocked();
     return true;
   }
 
