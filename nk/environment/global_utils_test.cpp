@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <ctime>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,10 +40,17 @@ TEST(NKGlobalUtils, SmallAnswers) {
     EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(S(id).get())) << id;
   }
   EXPECT_FALSE(NKGlobalUtils::isBetaBundleIdentifier(nullptr));
-  const time_t before = ::time(nullptr);
+  // Bracketed by the same clock: time() reads a coarse clock that may still show the last
+  // second just after the fine one has moved on.
+  const auto unixSeconds = [] {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  };
+  const int64_t before = unixSeconds();
   const int64_t now = NKGlobalUtils::getNowUnixTime();
-  EXPECT_GE(now, static_cast<int64_t>(before));
-  EXPECT_LE(now, static_cast<int64_t>(::time(nullptr)));
+  EXPECT_GE(now, before);
+  EXPECT_LE(now, unixSeconds());
   // "greater" is an at-least test, "less" its negation.
   const OperatingSystemVersion own = ProcessInfo::processInfo()->operatingSystemVersion();
   const OperatingSystemVersion later{own.majorVersion, own.minorVersion, own.patchVersion + 1};
