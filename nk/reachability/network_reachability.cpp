@@ -172,12 +172,13 @@ class NetworkReachability::State : public std::enable_shared_from_this<State> {
     return true;
   }
 
-  // Ends the schedule on `loop`, or on any loop when `loop` is null.
-  bool unschedule(const RunLoop* loop) {
+  // Ends the schedule if its loop is one that `matches`.
+  template <class Match>
+  bool unscheduleIf(Match matches) {
     std::unique_ptr<Subscription> ended;
     {
       std::lock_guard guard(lock_);
-      if (!subscription_ || (loop && !(subscription_->loop == *loop))) return false;
+      if (!subscription_ || !matches(subscription_->loop)) return false;
       ended = std::move(subscription_);
     }
     return true;  // `ended` cancels its watches and closes its sockets outside the lock
@@ -338,7 +339,7 @@ NetworkReachability::NetworkReachability(std::shared_ptr<State> state) noexcept
 }
 
 NetworkReachability::~NetworkReachability() {
-  state_->unschedule(nullptr);
+  state_->unscheduleIf([](const RunLoop&) { return true; });
   state_->setCallback(nullptr, nullptr);
   state_->setOwner(nullptr);
 }
@@ -393,7 +394,12 @@ bool NetworkReachability::scheduleWithRunLoop(const RunLoop& loop) {
 }
 
 bool NetworkReachability::unscheduleFromRunLoop(const RunLoop& loop) {
-  return state_->unschedule(&loop);
+  return state_->unscheduleIf([&](const RunLoop& scheduled) { return scheduled == loop; });
+}
+
+bool NetworkReachability::unscheduleFromCurrentRunLoop() {
+  return state_->unscheduleIf(
+      [](const RunLoop& scheduled) { return scheduled.isOwnedByCurrentThread(); });
 }
 
 }  // namespace nk

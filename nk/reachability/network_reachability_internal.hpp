@@ -53,6 +53,9 @@ class NetworkReachability {
   // Stops watching when the handle is on `loop`; false otherwise. On the loop's own thread,
   // no callback is made after this returns.
   bool unscheduleFromRunLoop(const RunLoop& loop);
+  // The same for the calling thread's run loop, without giving a thread that has none a loop
+  // (which would become its GLib thread-default context, one that nobody runs).
+  bool unscheduleFromCurrentRunLoop();
 
  private:
   class State;

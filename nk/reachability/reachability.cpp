@@ -55,7 +55,7 @@ bool NKReachability::startNotifier() {
 }
 
 void NKReachability::stopNotifier() {
-  if (_reachabilityRef) _reachabilityRef->unscheduleFromRunLoop(RunLoop::current());
+  if (_reachabilityRef) _reachabilityRef->unscheduleFromCurrentRunLoop();
 }
 
 NKNetworkStatus NKReachability::currentReachabilityStatus() const {

@@ -2,6 +2,7 @@
 // starting thread, in network namespaces the tests make.
 #include "nk/reachability/reachability.hpp"
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -144,6 +145,12 @@ TEST(NKReachability, StopNotifier) {
     monitor->stopNotifier();
     monitor->stopNotifier();
     EXPECT_EQ(monitor->currentReachabilityStatus(), NKNetworkStatusReachable);
+    // nor does it give a thread without a run loop one, which would become that thread's
+    // GLib default context and hold up the GLib calls later made there
+    std::thread([&] {
+      NKReachability::reachabilityForInternetConnection()->stopNotifier();
+      EXPECT_EQ(g_main_context_get_thread_default(), nullptr);
+    }).join();
     // Stopping from another thread leaves the notifier running here
     ASSERT_TRUE(monitor->startNotifier());
     std::thread([&] { monitor->stopNotifier(); }).join();
