@@ -174,10 +174,7 @@ void addLanguage(std::vector<std::string>& out, std::string language) {
 // "fr_FR.UTF-8@euro" → "fr_FR", "fr-FR", "fr"; a modifier naming a script puts the names
 // with that script first: "sr_RS@latin" → "sr-Latn-RS", "sr-Latn", then "sr_RS", "sr-RS", "sr".
 void addLocale(std::vector<std::string>& out, std::string_view locale) {
-  const size_t at = locale.find('@');
-  const std::string_view script = at == std::string_view::npos
-                                      ? std::string_view()
-                                      : scriptOfPosixModifier(locale.substr(at + 1));
+  const std::string_view script = scriptOfPosixLocale(locale);
   locale = locale.substr(0, locale.find_first_of(".@"));
   if (locale.empty() || locale == "C" || locale == "POSIX") return;
   std::string name(locale);
@@ -334,14 +331,8 @@ Ref<String> Bundle::localizedStringForKey(const String* key, const String* value
 }
 
 std::vector<std::string> Bundle::preferredLanguages() {
-  std::string_view locale = "C";  // what the C library uses when nothing is set
-  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* value = std::getenv(variable);
-    if (value && *value) {
-      locale = value;
-      break;
-    }
-  }
+  std::string_view locale = posixMessagesLocale();
+  if (locale.empty()) locale = "C";  // what the C library uses when nothing is set
   std::vector<std::string> out;
   // As in gettext: under the untranslated locale ("C" or "POSIX" exactly, not "C.UTF-8")
   // LANGUAGE is ignored, so that `LC_ALL=C tool` gives untranslated text; otherwise a

@@ -52,7 +52,10 @@ bool plausibleIdentifier(std::string_view id) {
 
 }  // namespace
 
-std::string_view scriptOfPosixModifier(std::string_view modifier) noexcept {
+std::string_view scriptOfPosixLocale(std::string_view posix) noexcept {
+  const size_t at = posix.find('@');
+  if (at == std::string_view::npos) return {};
+  const std::string_view modifier = posix.substr(at + 1);
   if (modifier == "latin") return "Latn";
   if (modifier == "cyrillic") return "Cyrl";
   if (modifier == "devanagari") return "Deva";
@@ -69,10 +72,7 @@ std::string icuLocaleFromPosix(std::string_view posix) {
   if (id.empty()) return "en_US_POSIX";
   // A modifier that names a script picks the writing system ("sr_RS@latin" is Serbian in
   // Latin letters, where plain "sr_RS" is Cyrillic); other modifiers ("@euro") are dropped.
-  const size_t at = posix.find('@');
-  const std::string_view script = at == std::string_view::npos
-                                      ? std::string_view()
-                                      : scriptOfPosixModifier(posix.substr(at + 1));
+  const std::string_view script = scriptOfPosixLocale(posix);
   if (!script.empty() && part(id, &uloc_getScript).empty()) {
     const std::string country = part(id, &uloc_getCountry);
     id = part(id, &uloc_getLanguage) + "_" + std::string(script) +
@@ -81,16 +81,16 @@ std::string icuLocaleFromPosix(std::string_view posix) {
   return id;
 }
 
-Ref<Locale> Locale::current() {
-  const char* value = nullptr;
+std::string_view posixMessagesLocale() noexcept {
   for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* v = std::getenv(name);
-    if (v != nullptr && *v != '\0') {
-      value = v;
-      break;
-    }
+    const char* value = std::getenv(name);
+    if (value != nullptr && *value != '\0') return value;
   }
-  std::string id = icuLocaleFromPosix(value ? value : "");
+  return {};
+}
+
+Ref<Locale> Locale::current() {
+  std::string id = icuLocaleFromPosix(posixMessagesLocale());
   {
     std::lock_guard<std::mutex> lock(defaultLocaleMutex());
     if (id != icu::Locale::getDefault().getName()) {

@@ -67,8 +67,13 @@ class Locale final : public Object {
 // Exposed for the formatters and for tests.
 std::string icuLocaleFromPosix(std::string_view posix);
 
-// The ISO 15924 script code a POSIX locale modifier names ("latin" → "Latn",
-// "cyrillic" → "Cyrl", "devanagari" → "Deva"); empty for other modifiers ("euro").
-std::string_view scriptOfPosixModifier(std::string_view modifier) noexcept;
+// The ISO 15924 script code the modifier of a POSIX locale value names
+// ("sr_RS@latin" → "Latn", "@cyrillic" → "Cyrl", "@devanagari" → "Deva"); empty without
+// a modifier or for other ones ("@euro").
+std::string_view scriptOfPosixLocale(std::string_view posix) noexcept;
+
+// The POSIX locale value that governs messages: the first of LC_ALL, LC_MESSAGES and
+// LANG that is set and not empty, else empty (the C library then uses "C").
+std::string_view posixMessagesLocale() noexcept;
 
 }  // namespace nk
