@@ -29,4 +29,16 @@ inline int64_t saturatingAdd(int64_t a, int64_t b) noexcept {
   return r;
 }
 
+// When a repeating timer last due at `due` fires next: due + interval, or, when that has
+// passed by `now`, the first time of the same grid after `now`, skipping missed firings.
+// `interval` > 0.
+inline int64_t nextDueAfter(int64_t due, int64_t interval, int64_t now) noexcept {
+  if (due > now) return saturatingAdd(due, interval);
+  // Unsigned: a start long ago (the wall clock's time_point::min(), say) lies further
+  // behind now than int64_t spans.
+  const uint64_t sinceLastDue =
+      (static_cast<uint64_t>(now) - static_cast<uint64_t>(due)) % static_cast<uint64_t>(interval);
+  return saturatingAdd(now, interval - static_cast<int64_t>(sinceLastDue));
+}
+
 }  // namespace nk::dispatch_internal

@@ -112,12 +112,8 @@ gboolean callbackDispatch(GSource* source, GSourceFunc, gpointer) {
   gboolean keep = G_SOURCE_CONTINUE;
   if (body.isTimer) {
     if (body.intervalNs > 0) {
-      int64_t now = dispatch_internal::monotonicNowNs();
-      body.nextNs = dispatch_internal::saturatingAdd(body.nextNs, body.intervalNs);
-      if (body.nextNs <= now) {
-        body.nextNs = dispatch_internal::saturatingAdd(
-            body.nextNs, ((now - body.nextNs) / body.intervalNs + 1) * body.intervalNs);
-      }
+      body.nextNs = dispatch_internal::nextDueAfter(body.nextNs, body.intervalNs,
+                                                    dispatch_internal::monotonicNowNs());
       g_source_set_ready_time(source, readyTimeUs(body.nextNs));
     } else {
       g_source_set_ready_time(source, -1);

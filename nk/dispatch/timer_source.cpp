@@ -113,17 +113,7 @@ class TimerSource::State final : public dispatch_internal::TimerClient,
       next_.ns = Deadline::kNever;
       return;
     }
-    const int64_t now = nowLocked();
-    if (next_.ns > now) {
-      next_.ns = dispatch_internal::saturatingAdd(next_.ns, intervalNs_);
-      return;
-    }
-    // The first due time after now. Unsigned: a start long ago (the wall clock's
-    // time_point::min(), say) lies further behind now than int64_t spans.
-    uint64_t sinceLastDue = (static_cast<uint64_t>(now) - static_cast<uint64_t>(next_.ns)) %
-                            static_cast<uint64_t>(intervalNs_);
-    next_.ns =
-        dispatch_internal::saturatingAdd(now, intervalNs_ - static_cast<int64_t>(sinceLastDue));
+    next_.ns = dispatch_internal::nextDueAfter(next_.ns, intervalNs_, nowLocked());
   }
 
   void armLocked() {
