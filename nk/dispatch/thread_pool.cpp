@@ -1,14 +1,10 @@
 // The shared worker pool: worker loop, parking and waking, growth while workers block.
 #include "nk/dispatch/thread_pool_internal.hpp"
 
-#include <linux/futex.h>
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
-#include <climits>
 #include <thread>
 #include <utility>
 
@@ -26,26 +22,6 @@ thread_local uint32_t tlsPosition = 0;
 // on single-processor machines too, and at most one per parking position.
 unsigned machineThreads() noexcept {
   return std::clamp(std::thread::hardware_concurrency(), 2u, 32u);
-}
-
-// The parked-workers half of the state word, as a futex word.
-uint32_t* parkedWord(std::atomic<uint64_t>* state) noexcept {
-  static_assert(std::endian::native == std::endian::little);
-  return reinterpret_cast<uint32_t*>(state);
-}
-
-void waitBit(std::atomic<uint64_t>* state, uint32_t expected, uint32_t bit) noexcept {
-  int saved = errno;
-  ::syscall(SYS_futex, parkedWord(state), FUTEX_WAIT_BITSET_PRIVATE, expected, nullptr, nullptr,
-            bit);
-  errno = saved;
-}
-
-void wakeBit(std::atomic<uint64_t>* state, uint32_t bit) noexcept {
-  int saved = errno;
-  ::syscall(SYS_futex, parkedWord(state), FUTEX_WAKE_BITSET_PRIVATE, INT_MAX, nullptr, nullptr,
-            bit);
-  errno = saved;
 }
 
 }  // namespace
@@ -138,13 +114,40 @@ bool ThreadPool::anyPending() const noexcept {
 void ThreadPool::wakeOne(uint64_t s) noexcept {
   for (;;) {
     if (searching(s) != 0 || parked(s) == 0) return;
-    uint32_t bit = uint32_t{1} << std::countr_zero(parked(s));
-    if (state_.compare_exchange_weak(s, (s & ~uint64_t{bit}) + kSearchingOne,
+    unsigned position = std::countr_zero(parked(s));
+    if (state_.compare_exchange_weak(s, (s & ~(uint64_t{1} << position)) + kSearchingOne,
                                      std::memory_order_seq_cst)) {
-      wakeBit(&state_, bit);
+      signal(position, kSearch);
       return;
     }
   }
+}
+
+// Only from outside the pool: a worker that submits is about to look for work itself, and
+// takes a queued task sooner than a sleeper can wake up for it.
+//
+// A task handed over counts as searching until its worker takes it, as a queued one would:
+// submissions meanwhile are queued without a wake-up, and the worker wakes the next.
+bool ThreadPool::handOff(const SegmentedQueue<WorkItem>& queue, WorkItem& item) noexcept {
+  if (tlsPoolThread) return false;
+  uint64_t s = state_.load(std::memory_order_seq_cst);
+  for (;;) {
+    // Tasks queued at this priority go first: from the same thread, they came first.
+    if (searching(s) != 0 || parked(s) == 0 || !queue.empty()) return false;
+    unsigned position = std::countr_zero(parked(s));
+    if (state_.compare_exchange_weak(s, (s & ~(uint64_t{1} << position)) + kSearchingOne,
+                                     std::memory_order_seq_cst)) {
+      parkings_[position].item = std::move(item);
+      signal(position, kTask);
+      return true;
+    }
+  }
+}
+
+void ThreadPool::signal(unsigned position, Signal what) noexcept {
+  Parking& parking = parkings_[position];
+  parking.signal.store(what, std::memory_order_release);
+  futexWake(&parking.signal, 1);
 }
 
 void ThreadPool::workerMain() {
@@ -154,24 +157,25 @@ void ThreadPool::workerMain() {
   Held held;
   for (;;) {
     WorkItem item;
-    if (popAny(item)) {
-      if (searching) {
-        searching = false;
-        // The last searcher to find work hands the search on if more is waiting.
-        uint64_t before = state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
-        if (this->searching(before) == 1 && anyPending()) notify();
-      }
-      run(item, held);
-      runHeld(held);
-      continue;
+    if (!popAny(item)) {
+      Wake wake = park(searching, item);
+      if (wake == Wake::kExit) return;
+      if (wake == Wake::kSearch) continue;
     }
-    if (!park(searching)) return;
+    if (searching) {
+      searching = false;
+      // The last searcher to find work hands the search on if more is waiting.
+      uint64_t before = state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
+      if (this->searching(before) == 1 && anyPending()) notify();
+    }
+    run(item, held);
+    runHeld(held);
   }
 }
 
-// Returns false when the worker should exit: the pool is above its size, or every
-// parking position is taken.
-bool ThreadPool::park(bool& searching) {
+// Returns kExit when the worker should exit: the pool is above its size, or every parking
+// position is taken. Returns kTask with the task handed over in `item`.
+ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
   uint64_t c = census_.load(std::memory_order_relaxed);
   bool leave = false;
   while (static_cast<uint32_t>(c) - (c >> 32) > target_) {
@@ -200,37 +204,42 @@ bool ThreadPool::park(bool& searching) {
     if (searching) state_.fetch_sub(kSearchingOne, std::memory_order_seq_cst);
     // Leaving may strand work a submitter saw this worker about to take.
     if (anyPending()) notify();
-    return false;
+    return Wake::kExit;
   }
 
   const uint32_t bit = tlsPosition;
+  Parking& parking = parkings_[std::countr_zero(bit)];
   const uint64_t change = bit - (searching ? kSearchingOne : 0);  // modulo 2^64
   uint64_t s = state_.fetch_add(change, std::memory_order_seq_cst) + change;
   searching = false;
 
   // A submitter that saw this worker awake did not wake anyone, so look once more.
   if (anyPending()) {
-    s = state_.load(std::memory_order_relaxed);
     while (parked(s) & bit) {
       if (state_.compare_exchange_weak(s, s & ~uint64_t{bit}, std::memory_order_seq_cst)) {
-        return true;  // unparked itself
+        return Wake::kSearch;  // unparked itself, so not counted as searching
       }
     }
-    // Claimed meanwhile: counted as searching by the claimer.
+    // Claimed meanwhile: the claimer's signal is on its way.
   } else {
     block_pool::trim();
-    while (parked(s) & bit) {
-      waitBit(&state_, parked(s), bit);
-      // Everything a woken worker touches next was written by the thread that woke it:
-      // fetch it all at once. The state line for writing, as leaving the searching state
-      // is the next thing done to it.
-      __builtin_prefetch(&state_, 1);
-      for (const auto& q : queues_) q.prefetchHead();
-      s = state_.load(std::memory_order_acquire);
-    }
   }
-  searching = true;
-  return true;
+  uint32_t signal;
+  while ((signal = parking.signal.load(std::memory_order_acquire)) == kNone) {
+    futexWait(&parking.signal, kNone);
+  }
+  // What a woken worker touches next was written by the thread that woke it, on another
+  // processor perhaps: fetch it all at once. The state line for writing, as leaving the
+  // searching state is the next thing done to it.
+  __builtin_prefetch(&state_, 1);
+  parking.signal.store(kNone, std::memory_order_relaxed);
+  searching = true;  // counted so by the claimer
+  if (signal == kSearch) {
+    for (const auto& q : queues_) q.prefetchHead();
+    return Wake::kSearch;
+  }
+  item = std::move(parking.item);
+  return Wake::kTask;
 }
 
 // Runs the tasks the worker kept while nothing else waits; otherwise queues the kept one

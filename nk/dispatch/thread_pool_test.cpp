@@ -1,5 +1,7 @@
-// Tests for the task a pool task keeps for its worker in its last steps: it runs after
-// the task, is never lost, and is never left waiting behind a task that blocks.
+// Tests for the tasks the pool passes to a worker outside its queues: the task handed to a
+// sleeping worker by a thread outside the pool, and the task a pool task keeps for its
+// worker in its last steps (it runs after the task, is never lost, and is never left
+// waiting behind a task that blocks).
 #include "nk/dispatch/thread_pool_internal.hpp"
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "nk/dispatch/queue.hpp"
 #include "nk/dispatch/semaphore.hpp"
@@ -31,6 +34,39 @@ void onPool(Body body) {
     ended.signal();
   });
   ASSERT_TRUE(ended.waitFor(kPatience));
+}
+
+// Threads that each wait for their task before submitting the next keep the workers
+// falling asleep and being handed tasks, racing one another for the sleepers; now and then
+// a second task follows at once, and must be queued and picked up by some worker.
+TEST(PoolHandOff, HopsFromManyThreadsToSleepingWorkersAllArrive) {
+  constexpr int kThreads = 4, kHops = 3000;
+  std::atomic<int> ran{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      Queue serial = Queue::serial("nk.test.hops");
+      Queue global = Queue::global(static_cast<QueuePriority>(t % 4));
+      Semaphore arrived;
+      for (int i = 0; i < kHops; ++i) {
+        const int tasks = i % 7 == 0 ? 2 : 1;
+        for (int k = 0; k < tasks; ++k) {
+          (i % 2 ? serial : global).async([&] {
+            ran.fetch_add(1);
+            arrived.signal();
+          });
+        }
+        for (int k = 0; k < tasks; ++k) {
+          if (!arrived.waitFor(kPatience)) {
+            ADD_FAILURE() << "thread " << t << " lost a task at hop " << i;
+            return;
+          }
+        }
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(ran.load(), kThreads * (kHops + (kHops + 6) / 7));
 }
 
 TEST(PoolTaskTail, KeptTaskRunsAfterTheTaskOnItsWorker) {
