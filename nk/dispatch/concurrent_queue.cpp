@@ -57,7 +57,7 @@ class ConcurrentCore final : public DrainedCore {
     }
   }
 
-  void drain() override {
+  void drain(Task& /*first: never given*/) override {
     if (pending_.aux != 0) {  // a barrier was waiting for the queue to go idle; it has
       WorkItem item = std::move(pending_);
       pending_ = WorkItem();

@@ -70,8 +70,10 @@ class QueueCore {
     for (size_t i = 0; i < count; ++i) push(std::move(tasks[i]), false);
   }
   virtual void sync(FunctionRef<void()> block, bool barrier) = 0;
-  // Serial and concurrent queues: runs the queue's share of work on a pool thread.
-  virtual void drain() {}
+  // Serial and concurrent queues: runs the queue's share of work on a pool thread, starting
+  // with `first` if it is not empty: a task that a serial queue handed to the pool with its
+  // turn.
+  virtual void drain(Task& first) { (void)first; }
   // Concurrent queues: a task this queue handed to the pool (or a sync block) finished.
   virtual void taskDone() noexcept {}
 

@@ -51,6 +51,41 @@ TEST(SerialQueue, RunsTasksOneAtATimeInOrderLosingNoneFromManyProducers) {
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(seen[t], kPerThread) << "producer " << t;
 }
 
+// The first task of each round finds the queue idle and travels with the queue's turn; the
+// others go through its FIFO. Another thread's syncs compete for the turn now and then.
+TEST(SerialQueue, TaskThatFindsTheQueueIdleRunsFirstAndAlone) {
+  constexpr int kRounds = 300, kPerRound = 3;
+  Queue q = Queue::serial("nk.test.idle-turn");
+  std::vector<int> order;  // the queue is the lock
+  std::atomic<int> active{0};
+  std::atomic<bool> overlapped{false}, notCurrent{false}, stop{false};
+  auto exclusive = [&](auto body) {
+    if (active.fetch_add(1) != 0) overlapped = true;
+    if (!q.isCurrent()) notCurrent = true;
+    body();
+    active.fetch_sub(1);
+  };
+  std::thread syncer([&] {
+    while (!stop) {
+      q.sync([&] { exclusive([] {}); });
+      std::this_thread::sleep_for(100us);
+    }
+  });
+  for (int round = 0; round < kRounds; ++round) {
+    q.sync([] {});  // the round's tasks come after everything before
+    for (int i = 0; i < kPerRound; ++i) {
+      q.async([&, v = round * kPerRound + i] { exclusive([&] { order.push_back(v); }); });
+    }
+  }
+  stop = true;
+  syncer.join();
+  std::vector<int> seen = q.sync([&] { return order; });
+  EXPECT_FALSE(overlapped);
+  EXPECT_FALSE(notCurrent);
+  ASSERT_EQ(seen.size(), size_t{kRounds * kPerRound});
+  for (int i = 0; i < kRounds * kPerRound; ++i) ASSERT_EQ(seen[i], i);
+}
+
 TEST(Queue, AsyncBatchRunsEachTaskOnceInSubmissionOrder) {
   constexpr int kTasks = 100;  // several blocks of the queues' FIFOs
   // Serial: in order, after what came before, before what comes after.

@@ -13,6 +13,12 @@ class SerialCore final : public DrainedCore {
       : DrainedCore(QueueKind::kSerial, priority, std::move(label)) {}
 
   void push(Task&& task, bool) override {
+    // The task goes to the pool with the turn, not through the FIFO.
+    if (takeIdleTurn()) {
+      pool_.push(priority,
+                 WorkItem{std::move(task), reinterpret_cast<uintptr_t>(this) | kDrainTag});
+      return;
+    }
     fifo_.push(WorkItem{std::move(task), 0});
     scheduleIfIdle();
   }
@@ -22,11 +28,8 @@ class SerialCore final : public DrainedCore {
       fatal("sync onto serial queue \"%s\" from a task running on it would deadlock",
             label.c_str());
     }
-    // Idle and empty: take the queue and run the block right here.
-    uint64_t w = word_.load(std::memory_order_seq_cst);
-    bool owned = (w & kScheduled) == 0 && fifo_.empty() &&
-                 word_.compare_exchange_strong(w, w | kScheduled, std::memory_order_seq_cst);
-    if (!owned) {
+    // Idle and empty: run the block right here.
+    if (!takeIdleTurn()) {
       SyncWaiter waiter(block);
       fifo_.push(WorkItem{Task(), reinterpret_cast<uintptr_t>(&waiter) | kSyncTag});
       scheduleIfIdle();
@@ -40,8 +43,17 @@ class SerialCore final : public DrainedCore {
     block();
   }
 
-  void drain() override {
-    for (int budget = kDrainBudget; budget > 0; --budget) {
+  void drain(Task& first) override {
+    int budget = kDrainBudget;
+    if (first) {
+      {
+        FrameScope frame(this, true);
+        invokeGuarded(first, this);
+      }
+      first.reset();  // what it captured goes before the next task runs
+      --budget;
+    }
+    for (; budget > 0; --budget) {
       WorkItem item;
       if (!fifo_.pop(item)) {
         if (releaseTurn()) continue;
@@ -55,6 +67,15 @@ class SerialCore final : public DrainedCore {
       invokeGuarded(item.task, this);
     }
     pool_.push(priority, drainItem());
+  }
+
+ private:
+  // Takes the scheduled bit if the queue is idle with nothing queued: everything submitted
+  // before has then finished, and everything submitted after waits for the caller's turn.
+  bool takeIdleTurn() noexcept {
+    uint64_t w = word_.load(std::memory_order_seq_cst);
+    return (w & kScheduled) == 0 && fifo_.empty() &&
+           word_.compare_exchange_strong(w, w | kScheduled, std::memory_order_seq_cst);
   }
 };
 

@@ -280,7 +280,7 @@ void ThreadPool::exitBlocking() noexcept {
 void ThreadPool::run(WorkItem& item, Held& held) {
   auto* queue = reinterpret_cast<QueueCore*>(item.aux & ~kDrainTag);
   if (item.aux & kDrainTag) {
-    queue->drain();
+    queue->drain(item.task);
     return;
   }
   {
