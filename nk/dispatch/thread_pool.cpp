@@ -224,8 +224,8 @@ ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
   } else {
     block_pool::trim();
   }
-  uint32_t signal;
-  while ((signal = parking.signal.load(std::memory_order_acquire)) == kNone) {
+  uint32_t received;
+  while ((received = parking.signal.load(std::memory_order_acquire)) == kNone) {
     futexWait(&parking.signal, kNone);
   }
   // What a woken worker touches next was written by the thread that woke it, on another
@@ -234,7 +234,7 @@ ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
   __builtin_prefetch(&state_, 1);
   parking.signal.store(kNone, std::memory_order_relaxed);
   searching = true;  // counted so by the claimer
-  if (signal == kSearch) {
+  if (received == kSearch) {
     for (const auto& q : queues_) q.prefetchHead();
     return Wake::kSearch;
   }
