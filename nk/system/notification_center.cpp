@@ -93,12 +93,12 @@ void NotificationCenter::postNotification(const Notification* notification) {
       if (observer->matches(notification)) targets.emplace_back(observer);
     }
   }
-  Ref<Notification> note(const_cast<Notification*>(notification));
   for (const auto& observer : targets) {
     if (observer->removed.load(std::memory_order_acquire) || !observer->callback) continue;
-    if (observer->queue) {
-      observer->queue->async([observer, note] {
-        if (!observer->removed.load(std::memory_order_acquire)) observer->callback(note.get());
+    if (observer->queue && !observer->queue->isCurrent()) {
+      // Removal may come while the queue is busy with earlier work.
+      observer->queue->sync([&] {
+        if (!observer->removed.load(std::memory_order_acquire)) observer->callback(notification);
       });
     } else {
       observer->callback(notification);

@@ -1,6 +1,6 @@
 // NotificationCenter: posts named notifications to the observers that
-// registered for them, synchronously on the posting thread or asynchronously on
-// an observer's queue.
+// registered for them, on the posting thread or on an observer's queue; either
+// way the post returns once every observer has been called.
 #pragma once
 
 #include <atomic>
@@ -49,8 +49,11 @@ class NotificationCenter final : public Object {
   // Registers `callback` for notifications named `name` (nil: any name) sent by
   // `object` (nil: any sender; matched by identity, and not retained). Without
   // `queue` the callback runs on the posting thread during postNotification;
-  // with one, it is submitted to that queue. Returns the observer token to pass
-  // to removeObserver; the centre keeps the callback until then.
+  // with one, it runs on that queue while the post waits for it (at once when
+  // the post comes from that queue). A post that waits for a queue whose tasks
+  // wait for the poster deadlocks, as a sync onto that queue would. Returns the
+  // observer token to pass to removeObserver; the centre keeps the callback
+  // until then.
   //   auto token = center->addObserver(NK_STR("Changed"), nullptr,
   //                                    [](const Notification* n) { ... });
   Id addObserver(const String* name, const Object* object, NotificationCallback callback,
