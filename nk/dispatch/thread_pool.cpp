@@ -73,6 +73,8 @@ void ThreadPool::queueHeld(Held& held) noexcept {
   push(held.priority, std::move(held.item));
 }
 
+static_assert(sizeof(ThreadPool) <= 4096, "what a hop touches should stay on one page");
+
 ThreadPool& ThreadPool::instance() noexcept {
   // Never destroyed: detached workers may still be running when static destructors run.
   static ThreadPool* pool = new ThreadPool;

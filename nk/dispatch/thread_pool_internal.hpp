@@ -4,10 +4,10 @@
 // A parked worker is one bit of the pool's state word, and sleeps on a signal word of its
 // own. A submitter wakes a worker only when work is waiting, no woken worker is still
 // looking for work, and a worker is parked: it claims the worker by clearing its bit (one
-// compare-and-swap) and signals exactly that thread. When nothing is queued ahead of the
-// task at its priority, the submitter hands the task to the claimed worker with the
-// signal, and the worker starts it without going through the queue: a hop to a sleeping
-// worker then costs little more than the wake-up itself. A woken worker that finds more
+// compare-and-swap) and signals exactly that thread. A submitter outside the pool, when
+// nothing is queued ahead of its task, hands the task to the claimed worker with the
+// signal, and the worker starts it without going through the queue: neither side of a
+// hop to a sleeping worker touches the queue. A woken worker that finds more
 // work behind its own wakes the next one, so a burst of submissions costs the submitter
 // at most one wake-up. Nothing spins.
 #pragma once
@@ -20,8 +20,8 @@
 
 namespace nk::dispatch_internal {
 
-// On a page of its own: the state word, the queues' ends and the parking places, which
-// every hop to a sleeping worker touches, cost one translation-cache miss rather than two.
+// Page-aligned, so that the state word, the queues' ends and the parking places, which
+// every hop to a sleeping worker touches, lie on one page.
 class alignas(4096) ThreadPool {
  public:
   static ThreadPool& instance() noexcept;
@@ -60,7 +60,6 @@ class alignas(4096) ThreadPool {
  private:
   // state_: bits 0-31 parked workers, by parking position; bits 32-63 workers woken and
   // not yet running a task.
-  static constexpr uint64_t kParkedMask = 0xffff'ffffu;
   static constexpr uint64_t kSearchingOne = uint64_t{1} << 32;
   static constexpr unsigned kPositions = 32;
   // census_: bits 0-31 live workers, bits 32-63 workers blocked in a wait.
