@@ -49,10 +49,31 @@ uint32_t le32(const uint8_t* p) noexcept {
   return uint32_t{p[3]} << 24 | uint32_t{p[2]} << 16 | uint32_t{p[1]} << 8 | p[0];
 }
 
-// The decoders forgive truncation (they hand back what they have, the rest left
-// blank, and report success), so whether the bytes are all there is checked
-// here, from each format's own structure.
-bool isComplete(std::string_view type, std::span<const uint8_t> b) noexcept {
+// The marker of a JPEG's frame header, found as the decoder finds it: segment by
+// segment from the start, skipping stray bytes between segments, up to the first
+// scan. 0 if there is none.
+uint8_t jpegFrameMarker(std::span<const uint8_t> b) noexcept {
+  size_t at = 2;  // past the start-of-image marker
+  for (;;) {
+    while (at < b.size() && b[at] != 0xFF) ++at;
+    while (at < b.size() && b[at] == 0xFF) ++at;
+    if (at + 3 > b.size()) return 0;
+    const uint8_t marker = b[at++];
+    if (marker == 0x00 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;
+    if (marker == 0xD8 || marker == 0xD9 || marker == 0xDA) return 0;
+    // C4 (Huffman tables), C8 (reserved) and CC (arithmetic conditioning) are not frames.
+    if ((marker & 0xF0) == 0xC0 && marker != 0xC4 && marker != 0xC8 && marker != 0xCC) {
+      return marker;
+    }
+    at += size_t{b[at]} << 8 | b[at + 1];  // the length counts its own two bytes
+  }
+}
+
+// Checked here, from each format's own structure, before a decoder sees the bytes:
+// that they are all there (the decoders forgive truncation: they hand back what
+// they have, the rest left blank, and report success), and that the header sends
+// no decoder astray.
+bool vetted(std::string_view type, std::span<const uint8_t> b) noexcept {
   if (type == "png") {
     // Every chunk whole, up to and including IEND.
     size_t at = 8;
@@ -72,10 +93,14 @@ bool isComplete(std::string_view type, std::span<const uint8_t> b) noexcept {
       if (b[i] == 0xFF && b[i + 1] == 0xDA) lastScan = i;
     }
     if (lastScan == 0) return false;
-    for (size_t i = lastScan + 2; i + 1 < b.size(); ++i) {
-      if (b[i] == 0xFF && b[i + 1] == 0xD9) return true;
+    bool ended = false;
+    for (size_t i = lastScan + 2; !ended && i + 1 < b.size(); ++i) {
+      ended = b[i] == 0xFF && b[i + 1] == 0xD9;
     }
-    return false;
+    // Arithmetic-coded frames (C9-CB, CD-CF), all but unused, are refused: fed to
+    // it in pieces, the decoder was seen to loop forever on a damaged one.
+    const uint8_t frame = jpegFrameMarker(b);
+    return ended && frame != 0 && (frame & 0x08) == 0;
   }
   if (type == "bmp") {
     // The BMP decoder buffers a whole header of whatever size the file claims and
@@ -146,7 +171,7 @@ Ref<Image> Image::fromData(const Data* data) {
 
 Ref<Image> Image::fromBytes(std::span<const uint8_t> bytes) {
   const std::string_view type = sniffFormat(bytes);
-  if (type.empty() || !isComplete(type, bytes)) return nullptr;
+  if (type.empty() || !vetted(type, bytes)) return nullptr;
 
   GError* error = nullptr;
   // `type` points at a literal, so it is NUL-terminated.

@@ -186,6 +186,19 @@ TEST(Image, RefusesOversizedAndHostileHeaders) {
   bmp = makeBmp(2, 2);
   bmp[28] = 7;
   EXPECT_FALSE(Image::fromBytes(bmp));
+  // found by fuzzing: a damaged arithmetic-coded JPEG of 175 bytes kept the decoder
+  // busy for good. Arithmetic-coded frames are refused, whole or not.
+  EXPECT_FALSE(Image::fromBytes(corpusFile("arithmetic_damaged.jpg")));
+  std::vector<uint8_t> jpeg = samples().jpeg8x8;
+  bool found = false;
+  for (size_t i = 2; !found && i + 1 < jpeg.size(); ++i) {
+    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {
+      jpeg[i + 1] = 0xC9;
+      found = true;
+    }
+  }
+  ASSERT_TRUE(found);
+  EXPECT_FALSE(Image::fromBytes(jpeg));
 }
 
 }  // namespace
