@@ -1,5 +1,6 @@
-// Image: a raster decoded from untrusted bytes (PNG, JPEG, GIF, BMP, and WebP
-// where its decoder is installed), its pixels copied out of the decoder.
+// Image: a raster decoded from untrusted bytes (PNG, JPEG other than arithmetic-coded,
+// GIF, BMP, and WebP where its decoder is installed), its pixels copied out of the
+// decoder.
 //
 // Only those formats are decoded, recognised by their own leading bytes; no other
 // decoder (vector formats above all) is ever reached from bytes given here.
