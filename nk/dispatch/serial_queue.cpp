@@ -44,18 +44,11 @@ class SerialCore final : public DrainedCore {
   }
 
   void drain(Task& first) override {
-    int budget = kDrainBudget;
-    if (first) {
-      {
-        FrameScope frame(this, true);
-        invokeGuarded(first, this);
-      }
-      first.reset();  // what it captured goes before the next task runs
-      --budget;
-    }
-    for (; budget > 0; --budget) {
+    for (int budget = kDrainBudget; budget > 0; --budget) {
       WorkItem item;
-      if (!fifo_.pop(item)) {
+      if (first) {
+        item.task = std::move(first);
+      } else if (!fifo_.pop(item)) {
         if (releaseTurn()) continue;
         return;
       }

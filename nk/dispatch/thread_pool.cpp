@@ -113,16 +113,22 @@ bool ThreadPool::anyPending() const noexcept {
   return false;
 }
 
-void ThreadPool::wakeOne(uint64_t s) noexcept {
+template <class Also>
+int ThreadPool::claim(Also also) noexcept {
+  uint64_t s = state_.load(std::memory_order_seq_cst);
   for (;;) {
-    if (searching(s) != 0 || parked(s) == 0) return;
-    unsigned position = std::countr_zero(parked(s));
+    if (searching(s) != 0 || parked(s) == 0 || !also()) return -1;
+    const int position = std::countr_zero(parked(s));
     if (state_.compare_exchange_weak(s, (s & ~(uint64_t{1} << position)) + kSearchingOne,
                                      std::memory_order_seq_cst)) {
-      signal(position, kSearch);
-      return;
+      return position;
     }
   }
+}
+
+void ThreadPool::wakeOne() noexcept {
+  const int position = claim([] { return true; });
+  if (position >= 0) signal(position, kSearch);
 }
 
 // Only from outside the pool: a worker that submits is about to look for work itself, and
@@ -132,21 +138,15 @@ void ThreadPool::wakeOne(uint64_t s) noexcept {
 // submissions meanwhile are queued without a wake-up, and the worker wakes the next.
 bool ThreadPool::handOff(const SegmentedQueue<WorkItem>& queue, WorkItem& item) noexcept {
   if (tlsPoolThread) return false;
-  uint64_t s = state_.load(std::memory_order_seq_cst);
-  for (;;) {
-    // Tasks queued at this priority go first: from the same thread, they came first.
-    if (searching(s) != 0 || parked(s) == 0 || !queue.empty()) return false;
-    unsigned position = std::countr_zero(parked(s));
-    if (state_.compare_exchange_weak(s, (s & ~(uint64_t{1} << position)) + kSearchingOne,
-                                     std::memory_order_seq_cst)) {
-      parkings_[position].item = std::move(item);
-      signal(position, kTask);
-      return true;
-    }
-  }
+  // Tasks queued at this priority go first: from the same thread, they came first.
+  const int position = claim([&] { return queue.empty(); });
+  if (position < 0) return false;
+  parkings_[position].item = std::move(item);
+  signal(position, kTask);
+  return true;
 }
 
-void ThreadPool::signal(unsigned position, Signal what) noexcept {
+void ThreadPool::signal(int position, Signal what) noexcept {
   Parking& parking = parkings_[position];
   parking.signal.store(what, std::memory_order_release);
   futexWake(&parking.signal, 1);

@@ -84,11 +84,15 @@ class alignas(4096) ThreadPool {
   void notify() noexcept {
     uint64_t s = state_.load(std::memory_order_seq_cst);
     if (searching(s) != 0 || parked(s) == 0) return;
-    wakeOne(s);
+    wakeOne();
   }
-  void wakeOne(uint64_t s) noexcept;
+  // Claims a parked worker, while no woken worker is still searching and `also()` holds:
+  // clears its parked bit and counts it as searching. Returns its position, or -1.
+  template <class Also>
+  int claim(Also also) noexcept;
+  void wakeOne() noexcept;
   bool handOff(const SegmentedQueue<WorkItem>& queue, WorkItem& item) noexcept;
-  void signal(unsigned position, Signal what) noexcept;
+  void signal(int position, Signal what) noexcept;
   void spawn() noexcept;
   bool popAny(WorkItem& item);
   bool anyPending() const noexcept;
