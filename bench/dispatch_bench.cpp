@@ -11,9 +11,6 @@
 //                 iteration, so that their ratios hold on a machine whose load drifts
 #include <benchmark/benchmark.h>
 #include <glib.h>
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <asio.hpp>
@@ -23,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "nk/dispatch/futex_internal.hpp"
 #include "nk/dispatch/queue.hpp"
 #include "nk/dispatch/run_loop.hpp"
 
@@ -34,12 +32,10 @@ constexpr auto kFallAsleep = std::chrono::microseconds(200);
 
 unsigned poolThreads() { return std::max(2u, std::thread::hardware_concurrency()); }
 
-void futexWait(std::atomic<uint32_t>* w, uint32_t v) {
-  syscall(SYS_futex, reinterpret_cast<uint32_t*>(w), FUTEX_WAIT_PRIVATE, v, nullptr, nullptr, 0);
-}
-void futexWake(std::atomic<uint32_t>* w) {
-  syscall(SYS_futex, reinterpret_cast<uint32_t*>(w), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-}
+// The very futex calls the queues make, so that a raw hop and a queue's hop differ only in
+// the queue's own work.
+void futexWait(std::atomic<uint32_t>* w, uint32_t v) { nk::dispatch_internal::futexWait(w, v); }
+void futexWake(std::atomic<uint32_t>* w) { nk::dispatch_internal::futexWake(w, 1); }
 
 // A reusable one-waiter event: set() always issues the wake, as a raw hand-off would.
 struct Event {
