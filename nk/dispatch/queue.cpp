@@ -157,7 +157,17 @@ Queue Queue::current() {
   return Queue(core, counted);
 }
 
-void Queue::submit(Task&& task, bool barrier) const { core()->push(std::move(task), barrier); }
+void Queue::submit(Task&& task, bool barrier) const {
+  QueueCore* c = core();
+  // Global and serial queues directly (see serialPush).
+  if (c->kind == QueueKind::kGlobal) {
+    static_cast<dispatch_internal::GlobalCore*>(c)->push(std::move(task), barrier);
+  } else if (c->kind == QueueKind::kSerial) {
+    dispatch_internal::serialPush(c, std::move(task));
+  } else {
+    c->push(std::move(task), barrier);
+  }
+}
 
 void Queue::asyncBatch(Task* tasks, size_t count) const { core()->pushBatch(tasks, count); }
 

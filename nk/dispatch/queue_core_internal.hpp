@@ -136,6 +136,11 @@ QueueCore* mainCore();
 QueueCore* globalCore(QueuePriority priority);
 // New caller-made cores, holding one handle for the caller.
 QueueCore* makeSerialCore(std::string label, QueuePriority priority);
+// A serial core's push and drain, for the calls on the way of a hop to a sleeping worker:
+// just after a thread wakes up, each indirect call costs some 10 ns, the branch predictor
+// having lost track of it while the thread slept.
+void serialPush(QueueCore* serial, Task&& task);
+void serialDrain(QueueCore* serial, Task& first);
 QueueCore* makeConcurrentCore(std::string label, QueuePriority priority);
 
 }  // namespace nk::dispatch_internal

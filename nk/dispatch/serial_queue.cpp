@@ -44,11 +44,15 @@ class SerialCore final : public DrainedCore {
   }
 
   void drain(Task& first) override {
-    for (int budget = kDrainBudget; budget > 0; --budget) {
+    int budget = kDrainBudget;
+    if (first) {  // the task that came with the turn, run where it lies
+      run(first);
+      first.reset();
+      --budget;
+    }
+    for (; budget > 0; --budget) {
       WorkItem item;
-      if (first) {
-        item.task = std::move(first);
-      } else if (!fifo_.pop(item)) {
+      if (!fifo_.pop(item)) {
         if (releaseTurn()) continue;
         return;
       }
@@ -56,13 +60,17 @@ class SerialCore final : public DrainedCore {
         waiterOf(item)->signal();  // the queue now belongs to the sync caller
         return;
       }
-      FrameScope frame(this, true);
-      invokeGuarded(item.task, this);
+      run(item.task);
     }
     pool_.push(priority, drainItem());
   }
 
  private:
+  void run(Task& task) {
+    FrameScope frame(this, true);
+    invokeGuarded(task, this);
+  }
+
   // Takes the scheduled bit if the queue is idle with nothing queued: everything submitted
   // before has then finished, and everything submitted after waits for the caller's turn.
   bool takeIdleTurn() noexcept {
@@ -77,5 +85,11 @@ class SerialCore final : public DrainedCore {
 QueueCore* makeSerialCore(std::string label, QueuePriority priority) {
   return new SerialCore(std::move(label), priority);
 }
+
+void serialPush(QueueCore* serial, Task&& task) {
+  static_cast<SerialCore*>(serial)->push(std::move(task), false);
+}
+
+void serialDrain(QueueCore* serial, Task& first) { static_cast<SerialCore*>(serial)->drain(first); }
 
 }  // namespace nk::dispatch_internal

@@ -282,7 +282,11 @@ void ThreadPool::exitBlocking() noexcept {
 void ThreadPool::run(WorkItem& item, Held& held) {
   auto* queue = reinterpret_cast<QueueCore*>(item.aux & ~kDrainTag);
   if (item.aux & kDrainTag) {
-    queue->drain(item.task);
+    if (queue->kind == QueueKind::kSerial) {
+      serialDrain(queue, item.task);  // directly, see serialDrain
+    } else {
+      queue->drain(item.task);
+    }
     return;
   }
   {
