@@ -26,8 +26,10 @@ class GlobalCore final : public QueueCore {
       : QueueCore(QueueKind::kGlobal, priority, label), pool_(ThreadPool::instance()) {}
 
   void push(Task&& task, bool) override {
-    WorkItem item{std::move(task), reinterpret_cast<uintptr_t>(this)};
-    if (!ThreadPool::keep(priority, item)) pool_.push(priority, std::move(item));
+    const auto aux = reinterpret_cast<uintptr_t>(this);
+    if (pool_.handOff(priority, task, aux)) return;
+    WorkItem item{std::move(task), aux};
+    if (!ThreadPool::keep(priority, item)) pool_.enqueue(priority, std::move(item));
   }
   void pushBatch(Task* tasks, size_t count) override {
     if (count == 1) {

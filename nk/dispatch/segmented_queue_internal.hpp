@@ -55,10 +55,13 @@ class SegmentedQueue {
 
   // True if no value has been reserved and not yet taken. A snapshot: pushes made by other
   // threads before this call (in the sequentially consistent order) are seen.
-  bool empty() const noexcept {
+  bool empty() const noexcept { return backlogBits() == 0; }
+  // Zero exactly when empty(); otherwise some other value. Lets a caller test several
+  // queues at once.
+  uint64_t backlogBits() const noexcept {
     uint64_t head = head_.index.load(std::memory_order_seq_cst);
     uint64_t tail = tail_.index.load(std::memory_order_seq_cst);
-    return (head >> kShift) == (tail >> kShift);
+    return (head ^ tail) >> kShift;
   }
 
  private:

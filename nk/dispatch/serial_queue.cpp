@@ -15,8 +15,10 @@ class SerialCore final : public DrainedCore {
   void push(Task&& task, bool) override {
     // The task goes to the pool with the turn, not through the FIFO.
     if (takeIdleTurn()) {
-      pool_.push(priority,
-                 WorkItem{std::move(task), reinterpret_cast<uintptr_t>(this) | kDrainTag});
+      const uintptr_t aux = reinterpret_cast<uintptr_t>(this) | kDrainTag;
+      if (!pool_.handOff(priority, task, aux)) {
+        pool_.enqueue(priority, WorkItem{std::move(task), aux});
+      }
       return;
     }
     fifo_.push(WorkItem{std::move(task), 0});

@@ -107,10 +107,10 @@ bool ThreadPool::popAny(WorkItem& item) {
 }
 
 bool ThreadPool::anyPending() const noexcept {
-  for (const auto& q : queues_) {
-    if (!q.empty()) return true;
-  }
-  return false;
+  // One test for all the queues: a woken worker asks this before it runs its task.
+  uint64_t backlog = 0;
+  for (const auto& q : queues_) backlog |= q.backlogBits();
+  return backlog != 0;
 }
 
 template <class Also>
@@ -136,12 +136,15 @@ void ThreadPool::wakeOne() noexcept {
 //
 // A task handed over counts as searching until its worker takes it, as a queued one would:
 // submissions meanwhile are queued without a wake-up, and the worker wakes the next.
-bool ThreadPool::handOff(const SegmentedQueue<WorkItem>& queue, WorkItem& item) noexcept {
+bool ThreadPool::handOff(QueuePriority priority, Task& task, uintptr_t aux) noexcept {
   if (tlsPoolThread) return false;
   // Tasks queued at this priority go first: from the same thread, they came first.
+  const SegmentedQueue<WorkItem>& queue = queues_[static_cast<unsigned>(priority)];
   const int position = claim([&] { return queue.empty(); });
   if (position < 0) return false;
-  parkings_[position].item = std::move(item);
+  WorkItem& item = *parkings_[position].slot;
+  item.task = std::move(task);
+  item.aux = aux;
   signal(position, kTask);
   return true;
 }
@@ -176,7 +179,8 @@ void ThreadPool::workerMain() {
 }
 
 // Returns kExit when the worker should exit: the pool is above its size, or every parking
-// position is taken. Returns kTask with the task handed over in `item`.
+// position is taken. Returns kTask with the task handed over in `item`, where the claimer
+// wrote it.
 ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
   uint64_t c = census_.load(std::memory_order_relaxed);
   bool leave = false;
@@ -211,6 +215,8 @@ ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
 
   const uint32_t bit = tlsPosition;
   Parking& parking = parkings_[std::countr_zero(bit)];
+  // Published with the parked bit.
+  parking.slot = &item;
   const uint64_t change = bit - (searching ? kSearchingOne : 0);  // modulo 2^64
   uint64_t s = state_.fetch_add(change, std::memory_order_seq_cst) + change;
   searching = false;
@@ -240,7 +246,6 @@ ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
     for (const auto& q : queues_) q.prefetchHead();
     return Wake::kSearch;
   }
-  item = std::move(parking.item);
   return Wake::kTask;
 }
 

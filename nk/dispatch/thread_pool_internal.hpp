@@ -5,9 +5,9 @@
 // own. A submitter wakes a worker only when work is waiting, no woken worker is still
 // looking for work, and a worker is parked: it claims the worker by clearing its bit (one
 // compare-and-swap) and signals exactly that thread. A submitter outside the pool, when
-// nothing is queued ahead of its task, hands the task to the claimed worker with the
-// signal, and the worker starts it without going through the queue: neither side of a
-// hop to a sleeping worker touches the queue. A woken worker that finds more
+// nothing is queued ahead of its task, moves the task into an empty item in the claimed
+// worker's frame before the signal, and the worker runs it there: neither side of a hop
+// to a sleeping worker touches the queue. A woken worker that finds more
 // work behind its own wakes the next one, so a burst of submissions costs the submitter
 // at most one wake-up. Nothing spins.
 #pragma once
@@ -28,11 +28,17 @@ class alignas(4096) ThreadPool {
 
   // Queues `item` at `priority` and wakes a worker if one is needed. Any thread.
   void push(QueuePriority priority, WorkItem&& item) {
-    SegmentedQueue<WorkItem>& queue = queues_[static_cast<unsigned>(priority)];
-    if (handOff(queue, item)) return;
-    queue.push(std::move(item));
+    if (!handOff(priority, item.task, item.aux)) enqueue(priority, std::move(item));
+  }
+  // As push, for a caller that has tried handOff already.
+  void enqueue(QueuePriority priority, WorkItem&& item) {
+    queues_[static_cast<unsigned>(priority)].push(std::move(item));
     notify();
   }
+  // From outside the pool, with nothing queued at `priority` and a worker parked: moves
+  // `task` to that worker, as the item {task, aux}, wakes it and returns true. Otherwise
+  // returns false, leaving `task` alone.
+  bool handOff(QueuePriority priority, Task& task, uintptr_t aux) noexcept;
 
   // Queues make(0), ..., make(count - 1) at `priority`, in order, and wakes at most one
   // worker: each woken worker wakes the next while work remains. `make` must not throw.
@@ -68,11 +74,14 @@ class alignas(4096) ThreadPool {
   static constexpr unsigned kPriorities = 4;
 
   // Where a parked worker sleeps, one per parking position. Only the thread that cleared
-  // the position's parked bit writes `signal` (and `item` before it); only the worker
+  // the position's parked bit writes `signal` (and `*slot` before it); only the worker
   // resets it.
   struct alignas(64) Parking {
     std::atomic<uint32_t> signal{0};  // a Signal: the futex word
-    WorkItem item;                    // the task handed over with kTask
+    // The empty item in the parked worker's frame that a task handed over with kTask goes
+    // to, so that the worker runs it where it finds it. Not a member here: a running task
+    // that blocks gives its worker's position up, and a stand-in may sleep here meanwhile.
+    WorkItem* slot = nullptr;
   };
   enum Signal : uint32_t { kNone, kSearch, kTask };
   enum class Wake { kExit, kSearch, kTask };
@@ -91,7 +100,6 @@ class alignas(4096) ThreadPool {
   template <class Also>
   int claim(Also also) noexcept;
   void wakeOne() noexcept;
-  bool handOff(const SegmentedQueue<WorkItem>& queue, WorkItem& item) noexcept;
   void signal(int position, Signal what) noexcept;
   void spawn() noexcept;
   bool popAny(WorkItem& item);

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -67,6 +68,29 @@ TEST(PoolHandOff, HopsFromManyThreadsToSleepingWorkersAllArrive) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(ran.load(), kThreads * (kHops + (kHops + 6) / 7));
+}
+
+// A handed-over task that blocks gives its worker's parking position up to a stand-in,
+// which sleeps there and is handed tasks in turn: they must leave the blocked task, and
+// what it captured, alone.
+TEST(PoolHandOff, BlockedTaskKeepsItsCapturesWhileOthersAreHandedOver) {
+  constexpr int kLater = 200;
+  Semaphore gate, done, later;
+  bool intact = false;
+  std::this_thread::sleep_for(5ms);  // the workers fall asleep
+  Queue::global().async([&, text = std::string(100, 'x')] {
+    gate.wait();
+    intact = text == std::string(100, 'x');
+    done.signal();
+  });
+  for (int i = 0; i < kLater; ++i) {
+    std::this_thread::sleep_for(500us);
+    Queue::global().async([&] { later.signal(); });
+  }
+  for (int i = 0; i < kLater; ++i) ASSERT_TRUE(later.waitFor(kPatience)) << "lost task " << i;
+  gate.signal();
+  ASSERT_TRUE(done.waitFor(kPatience));
+  EXPECT_TRUE(intact);
 }
 
 TEST(PoolTaskTail, KeptTaskRunsAfterTheTaskOnItsWorker) {
