@@ -15,9 +15,10 @@
 
 namespace nk {
 namespace dispatch_internal {
-namespace {
 
-thread_local Frame* tlsFrame = nullptr;
+thread_local constinit Frame* tlsFrame = nullptr;
+
+namespace {
 
 // A global queue is a priority level of the pool; its tasks go straight there.
 class GlobalCore final : public QueueCore {
@@ -91,13 +92,6 @@ QueueCore::QueueCore(QueueKind k, QueuePriority p, std::string l)
     : kind(k), priority(p), label(std::move(l)) {}
 
 QueueCore::~QueueCore() = default;
-
-FrameScope::FrameScope(QueueCore* queue, bool exclusive, Frame* caller) noexcept
-    : frame_{queue, exclusive, tlsFrame, caller} {
-  tlsFrame = &frame_;
-}
-
-FrameScope::~FrameScope() { tlsFrame = frame_.previous; }
 
 Frame* currentFrame() noexcept { return tlsFrame; }
 

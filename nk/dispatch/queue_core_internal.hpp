@@ -110,10 +110,17 @@ struct Frame {
   Frame* caller = nullptr;
 };
 
+// This thread's innermost frame. Declared here so that FrameScope, around every task,
+// inlines.
+extern thread_local constinit Frame* tlsFrame;
+
 class FrameScope {
  public:
-  FrameScope(QueueCore* queue, bool exclusive, Frame* caller = nullptr) noexcept;
-  ~FrameScope();
+  FrameScope(QueueCore* queue, bool exclusive, Frame* caller = nullptr) noexcept
+      : frame_{queue, exclusive, tlsFrame, caller} {
+    tlsFrame = &frame_;
+  }
+  ~FrameScope() { tlsFrame = frame_.previous; }
   FrameScope(const FrameScope&) = delete;
   FrameScope& operator=(const FrameScope&) = delete;
 

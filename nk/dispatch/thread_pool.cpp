@@ -181,7 +181,10 @@ void ThreadPool::workerMain() {
 // Returns kExit when the worker should exit: the pool is above its size, or every parking
 // position is taken. Returns kTask with the task handed over in `item`, where the claimer
 // wrote it.
-ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
+//
+// Inlined into the worker loop, its one caller: a woken worker then has no return to make
+// whose call came before it slept, a return the processor would mispredict.
+[[gnu::always_inline]] inline ThreadPool::Wake ThreadPool::park(bool& searching, WorkItem& item) {
   uint64_t c = census_.load(std::memory_order_relaxed);
   bool leave = false;
   while (static_cast<uint32_t>(c) - (c >> 32) > target_) {
