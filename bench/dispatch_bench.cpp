@@ -1,6 +1,8 @@
 // Dispatch benchmarks: submission cost, throughput and hop latency of nk queues beside
 // GLib (g_idle_add, GThreadPool), Asio (thread_pool, strand) and a raw futex wake-up,
-// all measured in the same run so that the ratios are the figures to read.
+// all measured in the same run so that the ratios are the figures to read. Built twice:
+// dispatch_bench links the static library, dispatch_bench_shared the shared one, as
+// clients do.
 //
 //   Post/*        cost of one submission on the submitting thread, consumers running
 //   Throughput/*  batches of 1000 tasks submitted and run to completion, time per task
