@@ -12,7 +12,7 @@ class SerialCore final : public DrainedCore {
   SerialCore(std::string label, QueuePriority priority)
       : DrainedCore(QueueKind::kSerial, priority, std::move(label)) {}
 
-  void push(Task&& task, bool) override {
+  [[gnu::hot]] void push(Task&& task, bool) override {
     // The task goes to the pool with the turn, not through the FIFO.
     if (takeIdleTurn()) {
       const uintptr_t aux = reinterpret_cast<uintptr_t>(this) | kDrainTag;
@@ -45,7 +45,7 @@ class SerialCore final : public DrainedCore {
     block();
   }
 
-  void drain(Task& first) override {
+  [[gnu::hot]] void drain(Task& first) override {
     int budget = kDrainBudget;
     if (first) {  // the task that came with the turn, run where it lies
       run(first);
@@ -88,10 +88,12 @@ QueueCore* makeSerialCore(std::string label, QueuePriority priority) {
   return new SerialCore(std::move(label), priority);
 }
 
-void serialPush(QueueCore* serial, Task&& task) {
+[[gnu::hot]] void serialPush(QueueCore* serial, Task&& task) {
   static_cast<SerialCore*>(serial)->push(std::move(task), false);
 }
 
-void serialDrain(QueueCore* serial, Task& first) { static_cast<SerialCore*>(serial)->drain(first); }
+[[gnu::hot]] void serialDrain(QueueCore* serial, Task& first) {
+  static_cast<SerialCore*>(serial)->drain(first);
+}
 
 }  // namespace nk::dispatch_internal

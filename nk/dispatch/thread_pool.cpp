@@ -136,7 +136,7 @@ void ThreadPool::wakeOne() noexcept {
 //
 // A task handed over counts as searching until its worker takes it, as a queued one would:
 // submissions meanwhile are queued without a wake-up, and the worker wakes the next.
-bool ThreadPool::handOff(QueuePriority priority, Task& task, uintptr_t aux) noexcept {
+[[gnu::hot]] bool ThreadPool::handOff(QueuePriority priority, Task& task, uintptr_t aux) noexcept {
   if (tlsPoolThread) return false;
   // Tasks queued at this priority go first: from the same thread, they came first.
   const SegmentedQueue<WorkItem>& queue = queues_[static_cast<unsigned>(priority)];
@@ -155,7 +155,7 @@ void ThreadPool::signal(int position, Signal what) noexcept {
   futexWake(&parking.signal, 1);
 }
 
-void ThreadPool::workerMain() {
+[[gnu::hot]] void ThreadPool::workerMain() {
   tlsPoolThread = true;
   pthread_setname_np(pthread_self(), "nk-pool");
   bool searching = false;
@@ -287,7 +287,7 @@ void ThreadPool::exitBlocking() noexcept {
   census_.fetch_sub(kBlockedOne, std::memory_order_relaxed);
 }
 
-void ThreadPool::run(WorkItem& item, Held& held) {
+[[gnu::hot]] void ThreadPool::run(WorkItem& item, Held& held) {
   auto* queue = reinterpret_cast<QueueCore*>(item.aux & ~kDrainTag);
   if (item.aux & kDrainTag) {
     if (queue->kind == QueueKind::kSerial) {
